@@ -22,7 +22,7 @@ missing() {
   for p in "$@"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || out+=("$p")
   done
-  printf '%s\n' "${out[@]}"
+  [ ${#out[@]} -eq 0 ] || printf '%s\n' "${out[@]}"
 }
 
 if ! dpkg --print-foreign-architectures | grep -qx i386; then
