@@ -305,12 +305,14 @@ vorx_size_t sal_executable_name(char **name, sal_allocator *alloc);
 const char *sal_find_mod_name_with_ext(const char *path, vorx_size_t *length);
 
 /* Where the system layer asks the instrumentation engine. The tool points
- * these at OS_GetKernelRelease / OS_GetHostCPUArch; by default they use uname.
- *   get_kernel_release: the release text into buf; 1 on success.
- *   get_host_cpu_arch: 0 failure, 1 32-bit x86, 2 the 64-bit x86 extension. */
+ * these at thin wrappers of OS_GetKernelRelease / OS_GetHostCPUArch; by
+ * default they use uname(2), so the layer also works in plain programs.
+ *   get_kernel_release: the release text ("6.1.0-18-amd64") into buffer.
+ *   get_host_cpu_arch: the host's machine name ("i686", "x86_64") into buffer.
+ * Both return VORX_TRUE on success. */
 typedef struct sal_engine_hooks {
-    vorx_er_t (*get_kernel_release)(char *buf, vorx_size_t size);
-    vorx_u32_t (*get_host_cpu_arch)(void);
+    vorx_bool_t (*get_kernel_release)(char *buffer, vorx_size_t size);
+    vorx_bool_t (*get_host_cpu_arch)(char *buffer, vorx_size_t size);
 } sal_engine_hooks;
 
 /* Null restores the defaults. The table is copied. */
