@@ -1,0 +1,3 @@
+#include "comm_assert.h"
+
+SAL_DEFINE_ASSERT_ROUTINE(comm)
