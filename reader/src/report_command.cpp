@@ -1,0 +1,167 @@
+// `vorx report <results dir | trace file>... [--dump]`
+#include "vorx_report.h"
+
+#include "trace_parser.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace vorx::report {
+namespace {
+
+constexpr std::size_t kChunk = 1u << 20;
+
+const char kUsage[] =
+    "usage: vorx report <results directory | trace file>... [--dump] [--no-progress]\n"
+    "  prints processes, threads, record counts by type and the time span of the traces;\n"
+    "  --dump prints every record with its decoded fields, one record a line\n";
+
+bool is_trace_name(const std::string &name)
+{
+  static const char *const suffixes[] = {".trace", ".th", ".trace.aux", ".th.aux", ".pytrace", ".pytrace-sym"};
+  for (const char *s : suffixes) {
+    std::size_t n = std::strlen(s);
+    if (name.size() > n && name.compare(name.size() - n, n, s) == 0) return true;
+  }
+  return false;
+}
+
+// Progress on a terminal, for files that take more than a second.
+class Progress {
+public:
+  Progress(bool enabled, const std::string &path, std::uint64_t total)
+      : enabled_(enabled), path_(path), total_(total), start_(Clock::now()), last_(start_)
+  {
+  }
+  ~Progress()
+  {
+    if (shown_) std::fprintf(stderr, "\r\033[K");
+  }
+  void update(std::uint64_t done)
+  {
+    if (!enabled_ || total_ == 0) return;
+    auto now = Clock::now();
+    if (now - start_ < std::chrono::seconds(1) || now - last_ < std::chrono::milliseconds(200)) return;
+    last_ = now;
+    shown_ = true;
+    std::fprintf(stderr, "\rvorx report: %s %3u%%", path_.c_str(), unsigned(done * 100 / total_));
+  }
+
+private:
+  using Clock = std::chrono::steady_clock;
+  bool enabled_;
+  std::string path_;
+  std::uint64_t total_;
+  Clock::time_point start_, last_;
+  bool shown_ = false;
+};
+
+struct FileCloser {
+  void operator()(std::FILE *f) const { std::fclose(f); }
+};
+
+void read_file(const std::string &path, TraceParser &parser, Stats &stats, bool progress)
+{
+  std::unique_ptr<std::FILE, FileCloser> f(std::fopen(path.c_str(), "rb"));
+  std::error_code ec;
+  std::uint64_t size = fs::file_size(path, ec);
+  parser.begin_file(path, ec ? 0 : size);
+  if (!f) {
+    stats.add(Stat::files_unreadable);
+    parser.on_problem(Stat::files_unreadable, path + ": cannot open: " + std::strerror(errno));
+    parser.end_file(0);
+    return;
+  }
+  TraceTokenizer tok(path, parser, stats);
+  Progress bar(progress, path, ec ? 0 : size);
+  std::vector<std::uint8_t> chunk(kChunk);
+  std::uint64_t done = 0;
+  for (;;) {
+    std::size_t n = std::fread(chunk.data(), 1, chunk.size(), f.get());
+    if (n == 0) break;
+    done += n;
+    if (!tok.feed(Bytes(chunk.data(), n))) break;
+    bar.update(done);
+  }
+  if (std::ferror(f.get())) {
+    stats.add(Stat::files_unreadable);
+    parser.on_problem(Stat::files_unreadable, path + ": read error after byte " + std::to_string(done));
+  }
+  tok.finish();
+  parser.end_file(tok.records());
+}
+
+std::vector<std::string> collect_files(const std::vector<std::string> &inputs, bool &ok)
+{
+  std::vector<std::string> files;
+  for (const std::string &in : inputs) {
+    std::error_code ec;
+    if (fs::is_directory(in, ec)) {
+      std::vector<std::string> found;
+      for (const auto &e : fs::directory_iterator(in, ec))
+        if (e.is_regular_file() && is_trace_name(e.path().filename().string())) found.push_back(e.path().string());
+      if (ec) {
+        std::fprintf(stderr, "vorx report: cannot list %s: %s\n", in.c_str(), ec.message().c_str());
+        ok = false;
+      }
+      if (found.empty()) std::fprintf(stderr, "vorx report: %s holds no trace files (*.trace, *.th, ...)\n", in.c_str());
+      std::sort(found.begin(), found.end());
+      files.insert(files.end(), found.begin(), found.end());
+    } else if (fs::exists(in, ec)) {
+      files.push_back(in);
+    } else {
+      std::fprintf(stderr, "vorx report: %s: no such file or directory\n", in.c_str());
+      ok = false;
+    }
+  }
+  return files;
+}
+
+} // namespace
+} // namespace vorx::report
+
+extern "C" int command_report(int argc, char **argv)
+{
+  using namespace vorx::report;
+  bool dump = false, progress = isatty(STDERR_FILENO);
+  std::vector<std::string> inputs;
+  for (int i = 1; i < argc; i++) {
+    std::string a = argv[i];
+    if (a == "--dump") dump = true;
+    else if (a == "--no-progress") progress = false;
+    else if (a == "-h" || a == "--help") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    } else if (!a.empty() && a[0] == '-') {
+      std::fprintf(stderr, "vorx report: unknown option %s\n%s", a.c_str(), kUsage);
+      return 2;
+    } else {
+      inputs.push_back(a);
+    }
+  }
+  if (inputs.empty()) {
+    std::fprintf(stderr, "vorx report: name a results directory or trace file\n%s", kUsage);
+    return 2;
+  }
+  bool ok = true;
+  std::vector<std::string> files = collect_files(inputs, ok);
+  if (files.empty()) return 2;
+  Stats stats;
+  TraceParser parser(stdout, dump);
+  for (const std::string &f : files) read_file(f, parser, stats, progress);
+  parser.finish(stats);
+  if (!dump) parser.print_summary(stats);
+  std::fflush(stdout);
+  return ok && !stats.any(StatSource::Import) ? 0 : 1;
+}

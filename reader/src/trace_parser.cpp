@@ -1,0 +1,194 @@
+#include "trace_parser.hpp"
+
+#include <cinttypes>
+
+namespace vorx::report {
+namespace {
+
+constexpr std::uint32_t kClassBegin = 4096, kClassEnd = 8192;
+constexpr std::size_t kDumpBytesMax = 256;
+
+std::uint64_t num_or(const Record &r, std::string_view name, std::uint64_t fallback)
+{
+  const Field *f = r.find(name);
+  return f && f->kind == Field::Kind::Num ? f->num : fallback;
+}
+
+std::string text_of(const Field *f) { return f ? std::string(reinterpret_cast<const char *>(f->bytes.data()), f->bytes.size()) : std::string(); }
+
+void append_escaped(std::string &out, Bytes b)
+{
+  static const char hex[] = "0123456789abcdef";
+  out += '"';
+  for (std::uint8_t c : b) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += char(c);
+    } else if (c < 0x20 || c >= 0x7F) {
+      out += "\\x";
+      out += hex[c >> 4];
+      out += hex[c & 15];
+    } else {
+      out += char(c);
+    }
+  }
+  out += '"';
+}
+
+void append_hex(std::string &out, Bytes b)
+{
+  static const char hex[] = "0123456789abcdef";
+  std::size_t n = std::min(b.size(), kDumpBytesMax);
+  for (std::size_t i = 0; i < n; i++) {
+    out += hex[b[i] >> 4];
+    out += hex[b[i] & 15];
+  }
+  if (n < b.size()) out += "...(+" + std::to_string(b.size() - n) + ")";
+}
+
+} // namespace
+
+std::string format_record(const Record &r, const Location &where)
+{
+  char head[64];
+  std::snprintf(head, sizeof head, " desc=0x%08" PRIX32, r.desc);
+  std::string line = "@" + where.str() + " " + std::string(r.name()) + head;
+  if (!r.schema) {
+    line += " type=" + std::to_string(r.type) + " bytes=" + std::to_string(r.raw.size());
+    return line;
+  }
+  if (r.api) line += " function=" + std::string(r.api->name);
+  for (const Field &f : r.fields) {
+    line += ' ';
+    line += f.name;
+    line += '=';
+    switch (f.kind) {
+    case Field::Kind::Num: line += std::to_string(f.num); break;
+    case Field::Kind::Str: append_escaped(line, f.bytes); break;
+    case Field::Kind::Bytes:
+      line += "[" + std::to_string(f.bytes.size() / f.elem) + "x" + std::to_string(f.elem) + "]";
+      append_hex(line, f.bytes);
+      break;
+    }
+  }
+  return line;
+}
+
+void TraceParser::begin_file(const std::string &path, std::uint64_t bytes)
+{
+  files_.push_back({path, {}, bytes, 0});
+  if (dump_) std::fprintf(out_, "== %s\n", path.c_str());
+}
+
+void TraceParser::end_file(std::uint64_t records) { files_.back().records = records; }
+
+void TraceParser::on_stream_name(std::string_view name)
+{
+  files_.back().stream_name = name;
+  if (dump_) std::fprintf(out_, "stream name \"%.*s\"\n", int(name.size()), name.data());
+}
+
+void TraceParser::on_problem(Stat, const std::string &message)
+{
+  problems_.push_back(message);
+  std::fprintf(stderr, "vorx report: %s\n", message.c_str());
+}
+
+void TraceParser::see_time(std::uint64_t t)
+{
+  if (t == 0) return;
+  if (!first_ || t < *first_) first_ = t;
+  if (!last_ || t > *last_) last_ = t;
+}
+
+void TraceParser::track(const Record &r)
+{
+  std::string_view n = r.name();
+  counts_[std::string(n)]++;
+  if (r.api) api_counts_[r.api->name]++;
+  for (const char *t : {"timestamp", "begin_time", "end_time", "time"}) see_time(num_or(r, t, 0));
+  if (n == "hardcfg" || n == "hardcfg3" || n == "hardcfg4" || n == "hardcfg5")
+    timesource_hz_ = num_or(r, "timesource_frequency", 0);
+  if (n == "process") {
+    ProcessInfo &p = processes_[std::uint32_t(num_or(r, "tid", 0))];
+    std::uint64_t cls = num_or(r, "event_class", 0);
+    if (cls == kClassBegin) p.begun = true;
+    if (cls == kClassEnd) p.ended = true;
+    if (const Field *f = r.find("name"); f && !f->bytes.empty()) p.name = text_of(f);
+    return;
+  }
+  const Field *tid = r.find("tid");
+  if (!tid || tid->kind != Field::Kind::Num) return;
+  ThreadInfo &t = threads_[std::uint32_t(tid->num)];
+  t.records++;
+  if (n == "thread" || n == "thread_writer") {
+    std::uint64_t cls = num_or(r, "event_class", 0);
+    if (cls == kClassBegin) t.begun = true;
+    if (cls == kClassEnd) t.ended = true;
+  }
+  if (r.api && std::string_view(r.api->name) == "__internal_thread_name") t.name = text_of(r.find("arg0"));
+}
+
+void TraceParser::on_record(const Record &record, const Location &where)
+{
+  track(record);
+  if (dump_) {
+    std::string line = format_record(record, where);
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), out_);
+  }
+}
+
+void TraceParser::finish(Stats &stats) const
+{
+  for (const auto &[tid, t] : threads_)
+    if (t.begun && !t.ended) stats.add(Stat::threads_without_end);
+  for (const auto &[pid, p] : processes_)
+    if (p.begun && !p.ended) stats.add(Stat::processes_without_end);
+}
+
+void TraceParser::print_summary(const Stats &stats) const
+{
+  std::FILE *o = out_;
+  std::uint64_t bytes = 0, records = 0;
+  for (const FileInfo &f : files_) bytes += f.bytes, records += f.records;
+  std::fprintf(o, "files: %zu (%" PRIu64 " bytes), records: %" PRIu64 "\n", files_.size(), bytes, records);
+  for (const FileInfo &f : files_) {
+    std::fprintf(o, "  %s: %" PRIu64 " records", f.path.c_str(), f.records);
+    if (!f.stream_name.empty()) std::fprintf(o, ", stream \"%s\"", f.stream_name.c_str());
+    std::fprintf(o, "\n");
+  }
+  std::fprintf(o, "processes: %zu\n", processes_.size());
+  for (const auto &[pid, p] : processes_)
+    std::fprintf(o, "  %u %s%s\n", pid, p.name.empty() ? "(no name)" : p.name.c_str(), p.ended ? "" : " (no end record)");
+  std::fprintf(o, "threads: %zu\n", threads_.size());
+  for (const auto &[tid, t] : threads_)
+    std::fprintf(o, "  %u%s%s: %" PRIu64 " records%s\n", tid, t.name.empty() ? "" : " ", t.name.c_str(), t.records,
+                 t.begun && !t.ended ? " (no end record)" : "");
+  std::fprintf(o, "records by type:\n");
+  for (const auto &[name, n] : counts_) std::fprintf(o, "  %-20s %" PRIu64 "\n", name.c_str(), n);
+  if (!api_counts_.empty()) {
+    std::fprintf(o, "API records by function:\n");
+    for (const auto &[name, n] : api_counts_) std::fprintf(o, "  %-36s %" PRIu64 "\n", name.c_str(), n);
+  }
+  if (first_) {
+    std::uint64_t span = *last_ - *first_;
+    std::fprintf(o, "time span: %" PRIu64 " .. %" PRIu64 " (%" PRIu64 " counts", *first_, *last_, span);
+    if (timesource_hz_) std::fprintf(o, ", %.6f s at %" PRIu64 " Hz", double(span) / double(timesource_hz_), timesource_hz_);
+    std::fprintf(o, ")\n");
+  } else {
+    std::fprintf(o, "time span: no time stamps\n");
+  }
+  for (StatSource src : {StatSource::Recording, StatSource::Import}) {
+    std::fprintf(o, "%s: %s\n", src == StatSource::Recording ? "lost while recording" : "import problems",
+                 stats.any(src) ? "" : "none");
+    for (unsigned i = 0; i < kStatInfo.size(); i++) {
+      const StatInfo &s = kStatInfo[i];
+      std::uint64_t v = stats.get(Stat(i));
+      if (s.source == src && v)
+        std::fprintf(o, "  %-28s %" PRIu64 "  (%.*s)\n", std::string(s.name).c_str(), v, int(s.text.size()), s.text.data());
+    }
+  }
+}
+
+} // namespace vorx::report

@@ -1,0 +1,73 @@
+// Receives the records of every file in order and keeps the trackers the summary is made of:
+// processes, threads, record counts by type and the time span.
+#pragma once
+
+#include "trace_tokenizer.hpp"
+
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace vorx::report {
+
+struct ProcessInfo {
+  std::string name;
+  bool begun = false, ended = false;
+};
+
+struct ThreadInfo {
+  bool begun = false, ended = false;
+  std::uint64_t records = 0;
+  std::string name;
+};
+
+struct FileInfo {
+  std::string path;
+  std::string stream_name;
+  std::uint64_t bytes = 0;
+  std::uint64_t records = 0;
+};
+
+class TraceParser : public TraceSink {
+public:
+  // dump: print every record to out as it arrives.
+  TraceParser(std::FILE *out, bool dump) : out_(out), dump_(dump) {}
+
+  void begin_file(const std::string &path, std::uint64_t bytes);
+  void end_file(std::uint64_t records);
+  void on_record(const Record &record, const Location &where) override;
+  void on_stream_name(std::string_view name) override;
+  void on_problem(Stat stat, const std::string &message) override;
+  // End of input: turns what the trackers saw into recording-loss counts.
+  void finish(Stats &stats) const;
+
+  void print_summary(const Stats &stats) const;
+
+  const std::map<std::string, std::uint64_t> &counts() const { return counts_; }
+  const std::map<std::uint32_t, ThreadInfo> &threads() const { return threads_; }
+  const std::map<std::uint32_t, ProcessInfo> &processes() const { return processes_; }
+  std::optional<std::uint64_t> first_time() const { return first_; }
+  std::optional<std::uint64_t> last_time() const { return last_; }
+  const std::vector<std::string> &problems() const { return problems_; }
+
+private:
+  void track(const Record &r);
+  void see_time(std::uint64_t t);
+
+  std::FILE *out_;
+  bool dump_;
+  std::vector<FileInfo> files_;
+  std::map<std::string, std::uint64_t> counts_;
+  std::map<std::string, std::uint64_t> api_counts_;
+  std::map<std::uint32_t, ProcessInfo> processes_;
+  std::map<std::uint32_t, ThreadInfo> threads_;
+  std::optional<std::uint64_t> first_, last_;
+  std::uint64_t timesource_hz_ = 0;
+  std::vector<std::string> problems_;
+};
+
+// One line of --dump for a record: "@<where> <name> desc=0x... field=value ...".
+std::string format_record(const Record &r, const Location &where);
+
+} // namespace vorx::report
