@@ -1,0 +1,26 @@
+// Subsystems whose work is not built yet are still entered from start-up
+// through their own functions, so that the start-up order stays the one the
+// collector needs. Each does nothing and succeeds until its subsystem arrives:
+// signal handling and CPU sampling, JIT symbols, projection, handle tracking.
+#include "runtime_entries.h"
+
+extern "C" {
+
+void vorx_init_signal_manager(void) {}
+vorx_er_t vorx_init_cpu_profiling(int) { return vorx_er_success; }
+void vorx_stop_cpu_profiling(void) {}
+void vorx_set_ctrl_c_handler(int) {}
+void vorx_init_crash_signal_handler(void) {}
+void vorx_fini_crash_signal_handler(void) {}
+void vorx_init_cancel_signal_handler(void) {}
+void vorx_fini_cancel_signal_handler(void) {}
+
+void vorx_init_detach_complete(void) {}
+void vorx_reset_detach_complete(void) {}
+
+void vorx_init_jit_support(void) {}
+void vorx_init_projection_manager(void) {}
+void vorx_init_handles_db(void) {}
+void vorx_init_stack_walk(void) {}
+
+}  // extern "C"
