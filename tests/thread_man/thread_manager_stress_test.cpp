@@ -181,6 +181,7 @@ TEST_F(ManagerStressTest, DetachWholeManagerWhileThreadsAreInside) {
     EXPECT_EQ(g_counters.complete_global, 1);
   });
   EXPECT_EQ(g_counters.attach, g_counters.detach) << "every attached thread was detached once";
+  EXPECT_EQ(mgr_->tls.l1.data.unclaimed, 0u);
   EXPECT_EQ(g_counters.resume, g_counters.suspend + g_counters.detach);
 }
 

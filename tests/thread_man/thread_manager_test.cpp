@@ -219,14 +219,40 @@ TEST_F(ManagerTest, ReusedTidMarksTheDeadEntryOrphan) {
   vorx_thread_manager_release(mgr_, old_key);
 
   // A new thread with the same id: its slot is empty, the old entry is cached.
+  // With nothing unclaimed in storage, enter doesn't even look.
   pthread_setspecific(key_, nullptr);
   vorx_ts_desc_t* key = nullptr;
   EXPECT_EQ(enter(mgr_, &key, &data), vorx_thread_manager_op_err_thread_not_found);
+  EXPECT_EQ(old_key->l1.data.flags[vorx_ts_desc_fl_orphan], 0u);
+  // Another thread registered and not yet entered: now the lookup runs.
+  ASSERT_EQ(vorx_thread_manager_register(mgr_, 400001, nullptr), vorx_thread_manager_op_err_ok);
+  EXPECT_EQ(mgr_->tls.l1.data.unclaimed, 1u);
+  EXPECT_EQ(enter(mgr_, &key, &data), vorx_thread_manager_op_err_thread_not_found);
   EXPECT_EQ(key, nullptr);
+  EXPECT_EQ(pthread_getspecific(key_), nullptr);
   EXPECT_EQ(old_key->l1.data.flags[vorx_ts_desc_fl_orphan], 1u);
   EXPECT_EQ(vorx_thread_manager_register(mgr_, tid, nullptr), vorx_thread_manager_op_err_ok)
       << "orphans match no tid";
   key = nullptr;
+  ASSERT_EQ(enter(mgr_, &key, &data), vorx_thread_manager_op_err_ok);
+  EXPECT_NE(key, old_key);
+  vorx_thread_manager_release(mgr_, key);
+  EXPECT_EQ(mgr_->tls.l1.data.unclaimed, 1u) << "only 400001 is unclaimed";
+}
+
+TEST_F(ManagerTest, RegisterOrphansADeadEntryThatEnterSkipped) {
+  make_manager();
+  vorx_u32_t tid = gettid_now();
+  ASSERT_EQ(vorx_thread_manager_register(mgr_, tid, nullptr), vorx_thread_manager_op_err_ok);
+  vorx_ts_desc_t* old_key = nullptr;
+  void* data;
+  ASSERT_EQ(enter(mgr_, &old_key, &data), vorx_thread_manager_op_err_ok);
+  vorx_thread_manager_release(mgr_, old_key);
+  EXPECT_EQ(mgr_->tls.l1.data.unclaimed, 0u);
+  pthread_setspecific(key_, nullptr);
+  EXPECT_EQ(vorx_thread_manager_register(mgr_, tid, nullptr), vorx_thread_manager_op_err_ok);
+  EXPECT_EQ(old_key->l1.data.flags[vorx_ts_desc_fl_orphan], 1u);
+  vorx_ts_desc_t* key = nullptr;
   ASSERT_EQ(enter(mgr_, &key, &data), vorx_thread_manager_op_err_ok);
   EXPECT_NE(key, old_key);
   vorx_thread_manager_release(mgr_, key);

@@ -132,6 +132,10 @@ typedef struct vorx_tls {
       volatile vorx_s32_t owner;
       vorx_u32_t magic;
       vorx_tls_key_t key;
+      /* Descriptors in storage that no thread's slot caches yet. While it is
+       * 0, a thread with an empty slot has nothing to find and skips the
+       * lookup by tid: unobserved threads pay a few instructions. */
+      volatile vorx_u32_t unclaimed;
     } data;
     char padding[VORX_TM_CACHE_LINE];
   } l1;

@@ -132,10 +132,18 @@ void storage_setup(mgr_t* m, vorx_tls_key_t key) {
   s.owner = 0;
   s.magic = VORX_TM_MAGIC;
   s.key = key;
+  s.unclaimed = 0;
   VORX_TM_LOCK_CREATED(&s.lock);
   VORX_TM_SYNC_WORD(&s.lock);
   VORX_TM_SYNC_WORD(&s.waiters);
   VORX_TM_SYNC_WORD(&s.owner);
+}
+
+/* A descriptor in storage got its thread's slot, or left storage unclaimed. */
+inline void claim(mgr_t* m) { __atomic_sub_fetch(&S(m).unclaimed, 1, __ATOMIC_RELAXED); }
+inline void raise_cached(mgr_t* m, desc_t* d) {
+  D(d).flags[vorx_ts_desc_fl_cached] = 1;
+  claim(m);
 }
 
 /* ---- descriptor holding ------------------------------------------------ */
@@ -413,7 +421,7 @@ vorx_u32_t tls_acquire(mgr_t* m, vorx_u32_t tid, desc_t** out) {
         }
       } else {
         D(d).flags[vorx_ts_desc_fl_recursive] = 1;
-        D(d).flags[vorx_ts_desc_fl_cached] = 1;
+        raise_cached(m, d);
         slot_write(m, d);
         self = d;
       }
@@ -436,6 +444,7 @@ vorx_u32_t tls_register(mgr_t* m, desc_t* fresh) {
   vorx_u32_t result = vorx_tls_op_err_found;
   if (!tls_find(m, D(fresh).tid)) {
     ts_desc_block(fresh, current);
+    __atomic_add_fetch(&S(m).unclaimed, 1, __ATOMIC_RELAXED);
     {
       signals_blocked quiet;
       list_add_tail(&S(m).head, &D(fresh).link);
@@ -464,6 +473,7 @@ vorx_u32_t tls_unregister(mgr_t* m, vorx_u32_t tid, void** tsd) {
       signals_blocked quiet;
       list_del(&D(d).link);
     }
+    if (!D(d).flags[vorx_ts_desc_fl_cached]) claim(m);
     *tsd = D(d).tsd;
     D(d).tsd = nullptr;
     ts_desc_unblock(d);
@@ -506,6 +516,7 @@ void tls_destroy(mgr_t* m) {
       signals_blocked quiet;
       list_del(&D(d).link);
     }
+    if (!D(d).flags[vorx_ts_desc_fl_cached]) claim(m);
     void* tsd = D(d).tsd;
     D(d).tsd = nullptr;
     ts_desc_unblock(d);
@@ -598,7 +609,7 @@ vorx_u32_t enter_lookup(mgr_t* m, desc_t** key, void** out_data, vorx_u32_t tid,
     d = nullptr;
   } else if (d) {
     blocked = ts_desc_block(d, (vorx_s32_t)tid);
-    D(d).flags[vorx_ts_desc_fl_cached] = 1;
+    raise_cached(m, d);
   }
   storage_unlock(m);
   slot_write(m, d);
@@ -830,7 +841,11 @@ vorx_u32_t vorx_thread_manager_enter(vorx_thr_mgr_t* m, vorx_ts_desc_t** key, vo
   if (!d) {
     d = (desc_t*)slot_read(m);
     from_slot = true;
-    if (d == nullptr) return enter_lookup(m, key, out_data, sal_thread_id(), nullptr);
+    if (d == nullptr) {
+      if (__atomic_load_n(&S(m).unclaimed, __ATOMIC_RELAXED) == 0)
+        return vorx_thread_manager_op_err_thread_not_found;
+      return enter_lookup(m, key, out_data, sal_thread_id(), nullptr);
+    }
     if (!is_pointer(d)) return vorx_thread_manager_op_err_thread_not_found;
     *key = d;
   }
@@ -1037,6 +1052,7 @@ void vorx_thread_manager_reset_threads(vorx_thr_mgr_t* m) {
       guard_up(m, &self);
       if (d != own) ts_desc_free(d);
     }
+    s.unclaimed = 0;
     if (own) {
       vorx_u32_t current_tid = sal_thread_id();
       VORX_TM_ASSERT(self->l1.data.tid != current_tid);
