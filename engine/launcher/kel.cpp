@@ -1,0 +1,124 @@
+// kel: starts a program with the engine and a tool inside it.
+//
+//   kel [engine switches] -t <tool.so> [tool switches] -- <program> [args]
+//
+// The engine runtime (lib/libkel.so beside this program's bin/) becomes the program's LD_AUDIT module; the tool
+// and the whole command line travel in two variables of the engine's own, which the runtime takes out of the
+// environment again before the program sees it.
+#include <elf.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "../src/elf_model.h"
+
+namespace {
+
+constexpr char kArgumentSeparator = '\x1f';
+
+void usage() {
+  fprintf(stderr,
+          "usage: kel [engine switches] -t <tool.so> [tool switches] -- <program> [args]\n"
+          "  engine switches: -log_level <0-3>, -logfile <path>\n");
+}
+
+[[noreturn]] void die(const std::string& message) {
+  fprintf(stderr, "kel: %s\n", message.c_str());
+  exit(2);
+}
+
+std::string absolute(const std::string& path) {
+  char resolved[PATH_MAX];
+  return realpath(path.c_str(), resolved) ? resolved : path;
+}
+
+std::string directory_of(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+// The program as execvp would find it.
+std::string find_program(const std::string& name) {
+  if (name.find('/') != std::string::npos) return access(name.c_str(), X_OK) == 0 ? name : "";
+  const char* path = getenv("PATH");
+  std::string dirs = path ? path : "/usr/local/bin:/usr/bin:/bin";
+  size_t start = 0;
+  while (start <= dirs.size()) {
+    size_t end = dirs.find(':', start);
+    if (end == std::string::npos) end = dirs.size();
+    std::string dir = dirs.substr(start, end - start);
+    std::string candidate = (dir.empty() ? "." : dir) + "/" + name;
+    if (access(candidate.c_str(), X_OK) == 0) return candidate;
+    start = end + 1;
+  }
+  return "";
+}
+
+void check_tool(const std::string& tool) {
+  if (access(tool.c_str(), R_OK) != 0) die("tool '" + tool + "' not found (give the path of the tool's .so after -t)");
+  kel::ElfModel model;
+  std::string error;
+  if (!kel::read_elf_file(tool, &model, &error)) die("tool '" + tool + "' is not a shared object: " + error);
+  if (model.elf_class != 32 || model.machine != EM_386)
+    die("tool '" + tool + "' is not a 32-bit x86 shared object; build it with -m32");
+  for (const kel::ElfSymbol& s : model.symbols)
+    if (s.dynamic && s.name == "main" && s.type == STT_FUNC) return;
+  die("tool '" + tool + "' exports no main(); the engine enters a tool through its main(argc, argv)");
+}
+
+void check_program(const std::string& program) {
+  kel::ElfModel model;
+  std::string error;
+  if (!kel::read_elf_file(program, &model, &error)) return;  // a script: its interpreter is checked by the loader
+  if (model.elf_class != 32 || model.machine != EM_386)
+    die("program '" + program + "' is not a 32-bit x86 program; this engine runs in i386 processes only");
+  if (!model.has_interpreter)
+    die("program '" + program + "' is statically linked; the engine needs the dynamic loader to enter it");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int tool_at = -1, program_at = -1;
+  for (int i = 1; i < argc; ++i) {
+    if (tool_at < 0 && strcmp(argv[i], "-t") == 0 && i + 1 < argc) tool_at = ++i;
+    else if (strcmp(argv[i], "--") == 0) {
+      program_at = i + 1;
+      break;
+    }
+  }
+  if (tool_at < 0) {
+    usage();
+    die("no tool: give one with -t <tool.so>");
+  }
+  if (program_at < 0 || program_at >= argc) {
+    usage();
+    die("no program: give it after '--'");
+  }
+  std::string tool = absolute(argv[tool_at]);
+  check_tool(tool);
+  std::string program = find_program(argv[program_at]);
+  if (program.empty()) die(std::string("program '") + argv[program_at] + "' not found");
+  check_program(program);
+
+  std::string runtime = directory_of(absolute("/proc/self/exe")) + "/../lib/libkel.so";
+  runtime = absolute(runtime);
+  if (access(runtime.c_str(), R_OK) != 0) die("engine runtime '" + runtime + "' is missing (lib/ beside bin/)");
+
+  std::string args = absolute("/proc/self/exe");
+  for (int i = 1; i < argc; ++i) {
+    args += kArgumentSeparator;
+    args += i == tool_at ? tool : argv[i];
+  }
+  if (const char* audit = getenv("LD_AUDIT")) setenv("KEL_SAVED_LD_AUDIT", audit, 1);
+  setenv("LD_AUDIT", runtime.c_str(), 1);
+  setenv("KEL_TOOL", tool.c_str(), 1);
+  setenv("KEL_ARGS", args.c_str(), 1);
+  execv(program.c_str(), argv + program_at);
+  die("cannot start '" + program + "': " + strerror(errno));
+}
