@@ -17,7 +17,6 @@
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <wchar.h>
 
 #include "vorx_types.h"
 
@@ -52,11 +51,11 @@ typedef enum vorx_collection {
     vorx_cl_eof /* 15: the count, and the answer for an unknown word */
 } vorx_collection_t;
 
-/* Words of the collection types; an unknown number gives
- * L"<unknown collection>", an unknown word vorx_cl_eof. */
-const wchar_t *vorx_collection_to_wstring(uint32_t collection);
-uint32_t vorx_wstring_to_collection(const wchar_t *text);
-/* The same in 8-bit text, for the command line of the run-tool. */
+/* Words of the collection types in 8-bit text, for the run-tool's command
+ * line; an unknown number gives "<unknown collection>", an unknown word
+ * vorx_cl_eof. (The collector's wide-text forms, vorx_collection_to_wstring
+ * and vorx_wstring_to_collection, come with the probe catalogue, which
+ * describes the collections once for the whole collector.) */
 const char *vorx_collection_to_string(uint32_t collection);
 uint32_t vorx_string_to_collection(const char *text);
 
@@ -89,16 +88,16 @@ uint32_t vorx_string_to_state(const char *text);
     X(symfile)
 
 typedef enum vorx_command {
-#define VORX_COMMAND_ENUM_(name) vorx_cmd_##name,
+#define VORX_COMMAND_ENUM_(name) vorx_command_##name,
     VORX_COMMANDS(VORX_COMMAND_ENUM_)
 #undef VORX_COMMAND_ENUM_
-    vorx_cmd_eof /* 12: not a command; the answer for an unknown word */
+    vorx_command_eof /* 12: not a command; the answer for an unknown word */
 } vorx_command_t;
 
-/* Whole, case-sensitive comparison: "statex" is vorx_cmd_eof. A text such as
+/* Whole, case-sensitive comparison: "statex" is vorx_command_eof. A text such as
  * "state:Pause" must be cut at its ':' by the caller first. */
 uint32_t vorx_string_to_command(const char *text);
-/* The word of a command; "eof" for vorx_cmd_eof and anything above. */
+/* The word of a command; "eof" for vorx_command_eof and anything above. */
 const char *vorx_command_to_string(uint32_t command);
 
 /* ------------------------------------------------------------ configuration */
@@ -238,6 +237,13 @@ struct vorx_configuration {
     char *aux_text_5;
     uint32_t opencl_selector;     /* set at module load, never on the wire */
 };
+
+/* The configuration of this process: null until the first "config" answer,
+ * replaced as a whole (by atomic exchange) on a reattach. */
+extern vorx_configuration *g_vorx_conf;
+
+/* Publishes conf as g_vorx_conf by atomic exchange; returns the previous one. */
+vorx_configuration *vorx_conf_publish(vorx_configuration *conf);
 
 /* A configuration with every default in place; null when memory runs out. */
 vorx_configuration *vorx_alloc_configuration(void);

@@ -7,12 +7,6 @@
 
 #include <string.h>
 
-static const wchar_t *const g_collection_wwords[] = {
-#define WWORD_(name, bit) [bit] = L## #name,
-    VORX_COLLECTIONS(WWORD_)
-#undef WWORD_
-};
-
 static const char *const g_collection_words[] = {
 #define WORD_(name, bit) [bit] = #name,
     VORX_COLLECTIONS(WORD_)
@@ -26,19 +20,6 @@ static const char *const g_command_words[] = {
 };
 
 static const char *const g_state_words[] = {"Pause", "Resume"};
-
-const wchar_t *vorx_collection_to_wstring(uint32_t collection)
-{
-    return collection < vorx_cl_eof ? g_collection_wwords[collection] : L"<unknown collection>";
-}
-
-uint32_t vorx_wstring_to_collection(const wchar_t *text)
-{
-    for (uint32_t i = 0; text && i < vorx_cl_eof; i++)
-        if (wcscmp(text, g_collection_wwords[i]) == 0)
-            return i;
-    return vorx_cl_eof;
-}
 
 const char *vorx_collection_to_string(uint32_t collection)
 {
@@ -68,13 +49,13 @@ uint32_t vorx_string_to_state(const char *text)
 
 uint32_t vorx_string_to_command(const char *text)
 {
-    for (uint32_t i = 0; text && i < vorx_cmd_eof; i++)
+    for (uint32_t i = 0; text && i < vorx_command_eof; i++)
         if (strcmp(text, g_command_words[i]) == 0)
             return i;
-    return vorx_cmd_eof;
+    return vorx_command_eof;
 }
 
 const char *vorx_command_to_string(uint32_t command)
 {
-    return command < vorx_cmd_eof ? g_command_words[command] : "eof";
+    return command < vorx_command_eof ? g_command_words[command] : "eof";
 }
