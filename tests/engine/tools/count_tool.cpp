@@ -1,0 +1,122 @@
+// A test tool: pass-through counting wrappers on libc functions, every version of each, counting only the
+// calls made by the main program (so the program can compare with its own count). The program asks for a
+// count through its function kel_test_count(name), which this tool replaces.
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <pthread.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "kel.h"
+
+namespace {
+
+ADDRINT g_exe_low, g_exe_high;
+
+bool from_program(void* return_address) {
+  auto a = reinterpret_cast<ADDRINT>(return_address);
+  return a >= g_exe_low && a <= g_exe_high;
+}
+
+struct Counter {
+  char name[96];
+  std::atomic<long> calls{0};
+};
+Counter g_counters[64];
+std::atomic<int> g_counter_count{0};
+
+Counter* new_counter(const std::string& name) {
+  int i = g_counter_count.fetch_add(1);
+  snprintf(g_counters[i].name, sizeof g_counters[i].name, "%s", name.c_str());
+  return &g_counters[i];
+}
+
+// One wrapper per function and version slot; its original and counter are filled in when probed.
+template <int Id, int Version, auto Function>
+struct Wrapper;
+template <int Id, int Version, class R, class... A, R (*Function)(A...)>
+struct Wrapper<Id, Version, Function> {
+  static inline R (*original)(A...) = nullptr;
+  static inline Counter* counter = nullptr;
+  static R call(A... args) {
+    if (from_program(__builtin_return_address(0))) counter->calls.fetch_add(1, std::memory_order_relaxed);
+    return original(args...);
+  }
+};
+
+struct Entry {
+  const char* name;
+  AFUNPTR wrappers[2];
+  void** originals[2];
+  Counter** counters[2];
+};
+
+// The counted functions: one line each.
+#define COUNTED_FUNCTIONS(X)                                 \
+  X(0, read) X(1, write) X(2, pthread_mutex_lock) X(3, pthread_mutex_unlock) X(4, malloc) X(5, free) \
+  X(6, getpid) X(7, pthread_cond_wait) X(8, pthread_cond_signal)
+
+#define SLOT(id, fn, v)                                                                  \
+  reinterpret_cast<AFUNPTR>(&Wrapper<id, v, &::fn>::call)
+#define ENTRY(id, fn)                                                                    \
+  {#fn,                                                                                  \
+   {SLOT(id, fn, 0), SLOT(id, fn, 1)},                                                   \
+   {reinterpret_cast<void**>(&Wrapper<id, 0, &::fn>::original),                          \
+    reinterpret_cast<void**>(&Wrapper<id, 1, &::fn>::original)},                         \
+   {&Wrapper<id, 0, &::fn>::counter, &Wrapper<id, 1, &::fn>::counter}},
+Entry g_entries[] = {COUNTED_FUNCTIONS(ENTRY)};
+
+long answer_count(const char* name) {
+  for (int i = 0; i < g_counter_count.load(); ++i)
+    if (strcmp(g_counters[i].name, name) == 0) return g_counters[i].calls.load();
+  // A plain name answers for its default version.
+  std::string wanted = std::string(name) + "@@";
+  for (int i = 0; i < g_counter_count.load(); ++i)
+    if (strncmp(g_counters[i].name, wanted.c_str(), wanted.size()) == 0 || strcmp(g_counters[i].name, name) == 0)
+      return g_counters[i].calls.load();
+  return -2;
+}
+
+void probe_libc(IMG img) {
+  for (Entry& e : g_entries) {
+    int version = 0;
+    size_t len = strlen(e.name);
+    for (SYM sym = IMG_RegsymHead(img); SYM_Valid(sym) && version < 2; sym = SYM_Next(sym)) {
+      const std::string& name = SYM_Name(sym);
+      if (name.compare(0, len, e.name) != 0 || (name.size() > len && name[len] != '@')) continue;
+      RTN rtn = RTN_FindByAddress(SYM_Value(sym) + IMG_LoadOffset(img));
+      if (!RTN_Valid(rtn)) continue;
+      if (!RTN_IsSafeForProbedReplacementEx(rtn, PROBE_MODE_ALLOW_RELOCATION)) {
+        if (strcmp(RTN_ProbeRefusalReason(rtn, PROBE_MODE_ALLOW_RELOCATION), "already_probed") != 0)
+          fprintf(stderr, "count_tool: %s refused: %s\n", name.c_str(),
+                RTN_ProbeRefusalReason(rtn, PROBE_MODE_ALLOW_RELOCATION));
+        continue;
+      }
+      AFUNPTR original = RTN_ReplaceProbedEx(rtn, PROBE_MODE_ALLOW_RELOCATION, e.wrappers[version]);
+      if (!original) continue;  // an alias of a routine already probed
+      *e.originals[version] = reinterpret_cast<void*>(original);
+      *e.counters[version] = new_counter(name);
+      ++version;
+    }
+  }
+}
+
+void on_image(IMG img, void*) {
+  if (IMG_IsMainExecutable(img)) {
+    g_exe_low = IMG_LowAddress(img);
+    g_exe_high = IMG_HighAddress(img);
+    RTN query = RTN_FindByName(img, "kel_test_count");
+    if (RTN_Valid(query)) RTN_ReplaceProbed(query, reinterpret_cast<AFUNPTR>(answer_count));
+    return;
+  }
+  if (IMG_Name(img).find("/libc.so") != std::string::npos) probe_libc(img);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (KEL_Init(argc, argv)) return 1;
+  IMG_AddInstrumentFunction(on_image, nullptr);
+  KEL_StartProgramProbed();
+}
