@@ -7,8 +7,8 @@
 
 void sal_allocator_check(const sal_allocator *alloc)
 {
-    SAL_ASSERT(alloc->guard_begin == ((void *)0xFEDAFEDA) &&
-               alloc->guard_end == ((void *)0xFEDAFEDA));
+    SAL_ASSERT(alloc->guard_begin == ((void*)0xFEDAFEDA) &&
+               alloc->guard_end == ((void*)0xFEDAFEDA));
 }
 
 static void clear_fields(sal_allocator *alloc)

@@ -20,6 +20,8 @@ static void *heap_get(vorx_buffer *buffer, vorx_size_t size)
     if (size <= buffer->capacity)
         return buffer->block;
     vorx_size_t capacity = vorx_buffer_round_size(size);
+    if (capacity < size)
+        return NULL; /* no multiple of the granule is that large */
     void *block = calloc(1, capacity);
     if (block == NULL)
         return NULL;
@@ -44,6 +46,8 @@ static void *mmap_get(vorx_buffer *buffer, vorx_size_t size)
     if (size <= buffer->capacity)
         return buffer->block;
     vorx_size_t capacity = vorx_buffer_round_size(size);
+    if (capacity < size)
+        return NULL;
     void *block = sal_remap(buffer->block, buffer->capacity, capacity);
     if (block == NULL)
         return NULL;
