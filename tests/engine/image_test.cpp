@@ -1,0 +1,125 @@
+// The image model: symbol versions as the loader sees them, _init/_fini from the dynamic section of a
+// stripped library, both ELF classes, and routine lookup by versioned and plain names.
+#include <elf.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "elf_model.h"
+#include "engine.h"
+
+namespace kel {
+namespace {
+
+const ElfSymbol* find(const ElfModel& m, const std::string& name) {
+  auto it = std::find_if(m.symbols.begin(), m.symbols.end(), [&](const ElfSymbol& s) { return s.name == name; });
+  return it == m.symbols.end() ? nullptr : &*it;
+}
+
+TEST(ElfModel, Libc32HasVersionedSymbolsAndNoInit) {
+  ElfModel m;
+  std::string error;
+  ASSERT_TRUE(read_elf_file("/lib/i386-linux-gnu/libc.so.6", &m, &error)) << error;
+  EXPECT_EQ(m.elf_class, 32);
+  EXPECT_EQ(m.machine, EM_386);
+  EXPECT_EQ(m.soname, "libc.so.6");
+  // One routine exported under two versions: the default one with "@@", the other with "@".
+  const ElfSymbol* current = find(m, "pthread_cond_wait@@GLIBC_2.3.2");
+  const ElfSymbol* old = find(m, "pthread_cond_wait@GLIBC_2.0");
+  ASSERT_TRUE(current && old);
+  EXPECT_TRUE(current->default_version);
+  EXPECT_FALSE(old->default_version);
+  EXPECT_NE(current->value, old->value);
+  ASSERT_TRUE(find(m, "__libc_early_init@@GLIBC_PRIVATE"));
+  EXPECT_EQ(find(m, "__libc_early_init@@GLIBC_PRIVATE")->type, STT_FUNC);
+  EXPECT_EQ(find(m, "memcpy@@GLIBC_2.0")->type, STT_GNU_IFUNC);
+  // glibc 2.36: no DT_INIT in the C library, and no .symtab to fall back on.
+  EXPECT_EQ(m.init, 0u);
+  EXPECT_TRUE(std::all_of(m.symbols.begin(), m.symbols.end(), [](const ElfSymbol& s) { return s.dynamic; }));
+}
+
+TEST(ElfModel, SixtyFourBitObjectsReadToo) {
+  ElfModel m;
+  std::string error;
+  if (!read_elf_file("/lib/x86_64-linux-gnu/libc.so.6", &m, &error)) GTEST_SKIP() << "no x86-64 libc: " << error;
+  EXPECT_EQ(m.elf_class, 64);
+  EXPECT_EQ(m.machine, EM_X86_64);
+  EXPECT_TRUE(find(m, "memcpy@@GLIBC_2.14"));
+  EXPECT_TRUE(find(m, "memcpy@GLIBC_2.2.5"));
+}
+
+TEST(ElfModel, RejectsWhatIsNotElf) {
+  ElfModel m;
+  std::string error;
+  const uint8_t junk[64] = {'#', '!'};
+  EXPECT_FALSE(parse_elf(junk, ElfSource::file, &m, &error));
+  EXPECT_EQ(error, "not an ELF file");
+  uint8_t short_header[20] = {0x7f, 'E', 'L', 'F', ELFCLASS32};
+  EXPECT_FALSE(parse_elf(short_header, ElfSource::file, &m, &error));
+}
+
+// Routines of a stripped library: _init and _fini still come from DT_INIT and DT_FINI.
+TEST(ImageModel, StrippedLibraryKeepsInitAndFini) {
+  ElfModel m;
+  std::string error;
+  ASSERT_TRUE(read_elf_file(KEL_STRIPPED_LIBRARY, &m, &error)) << error;
+  ASSERT_NE(m.init, 0u);
+  ASSERT_FALSE(find(m, "_init"));  // really stripped
+  const uintptr_t base = 0x40000000;
+  LEVEL_KELCLIENT::KEL_LockClient();
+  uint32_t id = create_image(KEL_STRIPPED_LIBRARY, base, false, false, nullptr);
+  LEVEL_KELCLIENT::KEL_UnlockClient();
+  IMG img(static_cast<INT32>(id));
+  ASSERT_TRUE(IMG_Valid(img));
+  RTN init = RTN_FindByName(img, "_init");
+  RTN fini = RTN_FindByName(img, "_fini");
+  ASSERT_TRUE(RTN_Valid(init));
+  ASSERT_TRUE(RTN_Valid(fini));
+  EXPECT_EQ(RTN_Address(init), base + m.init);
+  EXPECT_EQ(RTN_Address(fini), base + m.fini);
+  EXPECT_EQ(IMG_LoadOffset(img), static_cast<ADDRDELTA>(base));
+  RTN exported = RTN_FindByName(img, "plugin_sum");
+  ASSERT_TRUE(RTN_Valid(exported));
+  EXPECT_TRUE(RTN_Valid(RTN_FindByAddress(RTN_Address(exported) + 3)));
+  EXPECT_EQ(RTN_FindByAddress(RTN_Address(exported) + 3), exported);
+  invalidate_image(id);
+  EXPECT_FALSE(IMG_Valid(img));
+  EXPECT_FALSE(RTN_Valid(init));
+}
+
+// Lookup by name: a versioned name exactly, a plain name answers with the default version.
+TEST(ImageModel, FindsVersionedRoutines) {
+  LEVEL_KELCLIENT::KEL_LockClient();
+  uint32_t id = create_image("/lib/i386-linux-gnu/libc.so.6", 0, false, false, nullptr);
+  LEVEL_KELCLIENT::KEL_UnlockClient();
+  IMG img(static_cast<INT32>(id));
+  RTN plain = RTN_FindByName(img, "pthread_cond_wait");
+  RTN current = RTN_FindByName(img, "pthread_cond_wait@@GLIBC_2.3.2");
+  RTN old = RTN_FindByName(img, "pthread_cond_wait@GLIBC_2.0");
+  ASSERT_TRUE(RTN_Valid(plain) && RTN_Valid(current) && RTN_Valid(old));
+  EXPECT_EQ(plain, current);
+  EXPECT_NE(current, old);
+  EXPECT_TRUE(RTN_Valid(RTN_FindByName(img, "__libc_early_init")));
+  EXPECT_FALSE(RTN_Valid(RTN_FindByName(img, "_init")));
+  // Aliases share one routine.
+  EXPECT_EQ(RTN_FindByName(img, "pthread_mutex_lock"), RTN_FindByName(img, "__pthread_mutex_lock"));
+  // Walking the symbols finds both versions, with the dynamic flag.
+  int versions = 0;
+  for (SYM sym = IMG_RegsymHead(img); SYM_Valid(sym); sym = SYM_Next(sym)) {
+    if (SYM_Name(sym).rfind("pthread_cond_wait@", 0) == 0) {
+      ++versions;
+      EXPECT_TRUE(SYM_Dynamic(sym));
+      EXPECT_NE(SYM_Index(sym), 0u);
+    }
+  }
+  EXPECT_EQ(versions, 2);
+  int executable_sections = 0;
+  for (SEC sec = IMG_SecHead(img); SEC_Valid(sec); sec = SEC_Next(sec))
+    executable_sections += SEC_IsExecutable(sec) && SEC_Name(sec) == ".text";
+  EXPECT_EQ(executable_sections, 1);
+  invalidate_image(id);
+}
+
+}  // namespace
+}  // namespace kel
