@@ -171,7 +171,7 @@ const void *vorx_meta_t(void)
 void vorx_check_object(const void *obj)
 {
     VORX_ASSERT(obj != NULL);
-    VORX_ASSERT(((const struct vorx_object *)obj)->magic == 0xFACEECAF);
+    VORX_ASSERT(((const struct vorx_object*)obj)->magic == 0xFACEECAF);
 }
 
 static void *method_impl(const class_t *klass, enum vorx_method_slot slot)
