@@ -26,7 +26,10 @@ struct Counter {
 Counter g_counters[64];
 std::atomic<int> g_counter_count{0};
 
+// A counter per symbol name; a probe set again after a detach keeps counting into the same one.
 Counter* new_counter(const std::string& name) {
+  for (int i = 0; i < g_counter_count.load(); ++i)
+    if (name == g_counters[i].name) return &g_counters[i];
   int i = g_counter_count.fetch_add(1);
   snprintf(g_counters[i].name, sizeof g_counters[i].name, "%s", name.c_str());
   return &g_counters[i];
@@ -102,12 +105,51 @@ void probe_libc(IMG img) {
   }
 }
 
+void on_image(IMG img, void*);
+
+// Detach and attach on the program's request: kel_test_detach() and kel_test_attach() are its functions.
+// No probe survives a detach, so the request to attach again comes through a word of the program
+// (kel_test_attach_request), watched by a thread of the tool as a collector's control thread would.
+Counter* g_detach_counter = nullptr;
+Counter* g_refused_attach_counter = nullptr;
+volatile int* g_attach_request = nullptr;
+void register_callbacks(void*);
+
+void* attach_on_request(void*) {
+  while (!*g_attach_request) usleep(50);
+  if (KEL_AttachProbed(register_callbacks, nullptr) == ATTACH_INITIATED &&
+      KEL_AttachProbed(register_callbacks, nullptr) == ATTACH_FAILED_DETACH)
+    g_refused_attach_counter->calls.fetch_add(1);
+  *g_attach_request = 0;
+  return nullptr;
+}
+
+void on_detach(void*) {
+  g_detach_counter->calls.fetch_add(1);
+  pthread_t thread;
+  if (g_attach_request && pthread_create(&thread, nullptr, attach_on_request, nullptr) == 0) pthread_detach(thread);
+}
+void register_callbacks(void*) {
+  IMG_AddInstrumentFunction(on_image, nullptr);
+  KEL_AddDetachFunctionProbed(on_detach, nullptr);
+}
+void detach_now() { KEL_DetachProbed(); }
+
+void replace_in_program(IMG img, const char* name, AFUNPTR replacement) {
+  RTN rtn = RTN_FindByName(img, name);
+  if (RTN_Valid(rtn) && !RTN_ReplaceProbed(rtn, replacement))
+    fprintf(stderr, "count_tool: cannot replace %s: %s\n", name, RTN_ProbeRefusalReason(rtn, PROBE_MODE_DEFAULT));
+}
+
 void on_image(IMG img, void*) {
   if (IMG_IsMainExecutable(img)) {
     g_exe_low = IMG_LowAddress(img);
     g_exe_high = IMG_HighAddress(img);
-    RTN query = RTN_FindByName(img, "kel_test_count");
-    if (RTN_Valid(query)) RTN_ReplaceProbed(query, reinterpret_cast<AFUNPTR>(answer_count));
+    replace_in_program(img, "kel_test_count", reinterpret_cast<AFUNPTR>(answer_count));
+    replace_in_program(img, "kel_test_detach", reinterpret_cast<AFUNPTR>(detach_now));
+    for (SYM sym = IMG_RegsymHead(img); SYM_Valid(sym); sym = SYM_Next(sym))
+      if (SYM_Name(sym) == "kel_test_attach_request")
+        g_attach_request = reinterpret_cast<volatile int*>(SYM_Value(sym) + IMG_LoadOffset(img));
     return;
   }
   if (IMG_Name(img).find("/libc.so") != std::string::npos) probe_libc(img);
@@ -117,6 +159,8 @@ void on_image(IMG img, void*) {
 
 int main(int argc, char** argv) {
   if (KEL_Init(argc, argv)) return 1;
-  IMG_AddInstrumentFunction(on_image, nullptr);
+  g_detach_counter = new_counter("detach_callbacks");
+  g_refused_attach_counter = new_counter("second_attach_refused");
+  register_callbacks(nullptr);
   KEL_StartProgramProbed();
 }
