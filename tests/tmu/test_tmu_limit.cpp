@@ -1,0 +1,35 @@
+// The process-wide memory limit: a program of its own, since the first creator call decides
+// the limit for the whole process.
+#include "tmu_test_util.hpp"
+
+TEST(MemoryLimit, NewUnitsHalveTheBiggestUnit)
+{
+  vorx_tmu_creator_t *c = vorx_tmu_creator_alloc(4u << 20);
+  ASSERT_EQ(vorx_tmu_memory_limit(), 4u << 20);
+  ScratchDir dir;
+  vorx_tmu_t *a = c->alloc(c, vorx_tmu_per_process, dir.file("a").c_str());
+  vorx_tmu_t *b = c->alloc(c, vorx_tmu_per_process, dir.file("b").c_str());
+  EXPECT_EQ(vorx_tmu_memory_consumption(), 4u << 20);
+  for (int i = 0; i < 30000; i++) put_sample(a, 1, i); // a switched buffers, b never did
+  ASSERT_GT(a->switches, 0u);
+
+  // Full: the victim is the biggest unit, among equals the one with fewer switches.
+  vorx_tmu_t *t = c->alloc(c, vorx_tmu_per_thread, dir.file("t").c_str());
+  EXPECT_EQ(b->pool.buffs[0].size, 512u << 10);
+  EXPECT_EQ(a->pool.buffs[0].size, 1u << 20);
+  EXPECT_EQ(t->pool.buffs[0].size, 512u << 10); // one buffer: half the victim's old size
+  EXPECT_EQ(vorx_tmu_memory_consumption(), 4u << 20);
+
+  // Still full: now a is the biggest; a unit of two buffers takes a quarter of its old size.
+  vorx_tmu_t *p = c->alloc(c, vorx_tmu_per_process, dir.file("p").c_str());
+  EXPECT_EQ(a->pool.buffs[0].size, 512u << 10);
+  EXPECT_EQ(p->pool.buffs[0].size, 256u << 10);
+  EXPECT_EQ(p->pool.buf_num, 2u);
+  EXPECT_EQ(vorx_tmu_memory_consumption(), 4u << 20); // halving moves memory, it doesn't add any
+
+  // The halved units still take records and keep them in order.
+  for (int i = 0; i < 30000; i++) put_sample(b, 2, i);
+  c->free_unit(c, b);
+  expect_sequence(read_trace(dir.file("b")), 2, 0, 30000);
+  for (vorx_tmu_t *u : {a, t, p}) c->free_unit(c, u);
+}

@@ -1,0 +1,156 @@
+/* Trace management units: the sinks of trace streams.
+ *
+ * A writer asks a unit for room, writes and confirms (put_record and put_encoded do all three).
+ * The unit keeps records in large buffers, spills a full buffer to its writer (a file, a file
+ * descriptor or a communication channel), deflating it when the process has a compressor pool,
+ * and keeps the buffer memory of all units of the process under one limit by halving the
+ * biggest unit when a new one doesn't fit. In ring mode nothing is written until a spill is
+ * asked for, and only the last seconds of records are kept.
+ *
+ * Any thread may write into a unit, also from a signal handler: waits poll with 10 ms sleeps.
+ * Lock order: the list mutex is never held while taking a unit's buffer_lock for a write;
+ * buffer_lock before spill_lock. */
+#ifndef VORX_TMU_H
+#define VORX_TMU_H
+
+#include "sal.h"
+#include "vorx_types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define VORX_TMU_BUFFER_SIZE (1u << 20)        /* each buffer while the limit allows */
+#define VORX_TMU_MAX_BUFFER_SIZE 0x1000000u    /* records needing more abort */
+#define VORX_TMU_DEFAULT_LIMIT 0x8000000u      /* 128 MiB, or 2 MiB a CPU + 2 MiB if more */
+#define VORX_TMU_POLL_NS 10000000L
+
+typedef int vorx_file_desc_t;
+
+typedef enum vorx_tmu_type {
+  vorx_tmu_per_process = 0,
+  vorx_tmu_per_thread = 1,
+  vorx_tmu_per_thread_no_blocking = 2,
+  vorx_tmu_type_eof
+} vorx_tmu_type_t;
+
+typedef enum vorx_tmu_mode { vorx_tmu_mode_normal = 0, vorx_tmu_mode_ring = 1 } vorx_tmu_mode_t;
+
+/* ------------------------------------------------------------------ writers */
+
+typedef struct vorx_tmu_writer vorx_tmu_writer_t;
+/* Five operations, in this order, then the writer's own data. */
+struct vorx_tmu_writer {
+  int (*open)(vorx_tmu_writer_t *w);
+  void (*close)(vorx_tmu_writer_t *w);
+  int (*write)(vorx_tmu_writer_t *w, const void *bytes, vorx_u32_t length);
+  int (*is_open)(vorx_tmu_writer_t *w);
+  int (*close_after_spill)(vorx_tmu_writer_t *w);
+};
+
+/* Opened for every spill and closed after it, so the file grows by appending. */
+vorx_tmu_writer_t *vorx_tmu_file_writer_create(const char *path);
+/* A descriptor open from the start; close leaves it open. */
+vorx_tmu_writer_t *vorx_tmu_file_desc_writer_create(int fd);
+/* A local channel of the communication layer: connects once, at the first open. */
+vorx_tmu_writer_t *vorx_tmu_comm_writer_create(const char *name, vorx_u32_t port);
+void vorx_tmu_writer_destroy(vorx_tmu_writer_t *w);
+
+/* ------------------------------------------------------------------ units */
+
+typedef struct vorx_tmu vorx_tmu_t;
+typedef vorx_u32_t (*vorx_tmu_length_cb)(const void *record);
+typedef void (*vorx_tmu_encode_cb)(void *dest, const void *record, vorx_u32_t size);
+
+typedef struct vorx_tmu_buffer {
+  vorx_u8_t *head;
+  vorx_u32_t size;
+  vorx_u8_t *write_ptr;
+  vorx_u64_t start_time;          /* system time of the first record, in ring mode */
+  volatile vorx_s32_t pend_writes_cntr; /* reservations not yet confirmed (atomic) */
+  vorx_u64_t spills;
+} vorx_tmu_buffer_t;
+
+struct vorx_tmu {
+  /* Operations, replaced as the unit changes state (no writer, working, detached). */
+  int (*set_file)(vorx_tmu_t *tmu, const char *path);
+  int (*set_fd)(vorx_tmu_t *tmu, int fd);
+  int (*put_record)(vorx_tmu_t *tmu, const void *head, vorx_u32_t head_size, const void *tail, vorx_u32_t tail_size);
+  int (*spill)(vorx_tmu_t *tmu);
+  int (*put_encoded)(vorx_tmu_t *tmu, const void *record);
+  void (*confirm_record)(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buffer);
+
+  struct {
+    vorx_tmu_buffer_t *buffs;
+    vorx_u32_t buf_num;
+    vorx_u32_t active;
+  } pool;
+  vorx_u64_t switches;
+  vorx_tmu_writer_t *writer;
+  void (*writer_destroy)(vorx_tmu_writer_t *w);
+  vorx_mutex_t mutex; /* set up and torn down with the others; free for future use */
+  vorx_mutex_t buffer_lock;
+  vorx_mutex_t spill_lock;
+  vorx_u8_t locked;
+  volatile vorx_u8_t writer_ready;
+  vorx_u8_t magic_written;
+  vorx_tmu_length_cb calculate_length;
+  vorx_tmu_encode_cb encode_data;
+  vorx_u8_t no_compression;
+  vorx_u32_t mode;
+  vorx_u32_t ring_duration;
+  vorx_u32_t type;
+  vorx_tmu_t *prev, *next; /* place in the process's list of units */
+  vorx_u32_t buffer_num;   /* buffers of this type in normal mode */
+};
+
+/* Two-phase write: room for size bytes in the active buffer; confirm_record when written. */
+int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_tmu_buffer_t **buffer);
+
+void vorx_tmu_set_write_record_callbacks(vorx_tmu_t *tmu, vorx_tmu_length_cb length, vorx_tmu_encode_cb encode);
+void vorx_tmu_disable_compression(vorx_tmu_t *tmu);
+void vorx_tmu_disable_magic_record(vorx_tmu_t *tmu);
+void vorx_tmu_set_ring_buffer_duration(vorx_tmu_t *tmu, vorx_u32_t seconds);
+void vorx_tmu_set_mode(vorx_tmu_t *tmu, vorx_u32_t mode);
+
+/* Spills and detaches every unit (writes vanish afterwards without error). */
+void vorx_tmu_adjust_all_tmus(void);
+/* Spills every unit, closes its writer and frees its buffers. */
+void vorx_tmu_free_all_tmus(void);
+
+/* Bytes held by buffers of units outside ring mode, and the limit on them. */
+vorx_u64_t vorx_tmu_memory_consumption(void);
+vorx_u64_t vorx_tmu_memory_limit(void);
+
+/* ------------------------------------------------------------------ creator */
+
+typedef struct vorx_tmu_creator vorx_tmu_creator_t;
+struct vorx_tmu_creator {
+  vorx_tmu_t *(*alloc)(vorx_tmu_creator_t *c, vorx_u32_t type, const char *file_name);
+  vorx_tmu_t *(*alloc_fd)(vorx_tmu_creator_t *c, vorx_u32_t type, int fd);
+  vorx_tmu_t *(*alloc_comm)(vorx_tmu_creator_t *c, vorx_u32_t type, const char *name, vorx_u32_t port);
+  vorx_tmu_t *(*alloc_remote)(vorx_tmu_creator_t *c, vorx_u32_t type, const char *stream_name, const char *host,
+                              vorx_u32_t port);
+  void (*detach)(vorx_tmu_creator_t *c, vorx_tmu_t *tmu);
+  void (*free_unit)(vorx_tmu_creator_t *c, vorx_tmu_t *tmu);
+  void (*discard_unit)(vorx_tmu_creator_t *c, vorx_tmu_t *tmu);
+  vorx_u32_t state;                /* 1: units are made without a file */
+  vorx_u32_t expected_compressors; /* pool size; 0: one per CPU */
+};
+
+extern vorx_tmu_creator_t *g_vorx_tmu_creator;
+
+/* The process's creator, made at the first call; that call decides the memory limit
+ * (0: the default). Safe to call concurrently. */
+vorx_tmu_creator_t *vorx_tmu_creator_alloc(vorx_u64_t limit);
+void vorx_tmu_creator_set_state(vorx_tmu_creator_t *c, vorx_u32_t state);
+/* Frees any compressor pool; a level other than 0 makes a new one. */
+void vorx_tmu_creator_set_compression_level(vorx_tmu_creator_t *c, int level);
+void vorx_tmu_creator_set_expected_compressors(vorx_tmu_creator_t *c, vorx_u32_t count);
+void vorx_tmu_creator_set_write_record_callbacks(vorx_tmu_creator_t *c, vorx_tmu_length_cb length,
+                                                 vorx_tmu_encode_cb encode);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,731 @@
+/* Units: reservation and confirmation, spills, the memory limit shared by all units, ring mode,
+ * and the creator. */
+#include "tmu_internal.h"
+
+#include "vorx_compressor.h"
+#include "vorx_traceformat.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <time.h>
+
+SAL_DEFINE_ASSERT_ROUTINE(vorx_tmu)
+
+/* ------------------------------------------------------------------ process-wide data */
+
+/* Circular list of all units; g_tmu_list_mutex guards it and the limit decisions. */
+static vorx_tmu_t g_tmu_list = {.prev = &g_tmu_list, .next = &g_tmu_list};
+static vorx_mutex_t g_tmu_list_mutex = PTHREAD_MUTEX_INITIALIZER;
+/* Bytes of buffers of units outside ring mode; changed atomically. */
+static vorx_u64_t g_tmu_memory_consumption;
+/* Decided by the first vorx_tmu_creator_alloc. */
+static vorx_u64_t g_tmu_memory_limit = VORX_TMU_DEFAULT_LIMIT;
+/* The compressor pool, replaced only by vorx_tmu_creator_set_compression_level. */
+static vorx_pool *g_compressor_pool;
+static vorx_tmu_length_cb g_calculate_length_cb = tf_record_size_cb;
+static vorx_tmu_encode_cb g_encode_data_cb = tf_record_encode_cb;
+
+vorx_tmu_creator_t *g_vorx_tmu_creator;
+
+static const vorx_u8_t k_magic[8] = {0x00, 0x00, 0x00, 0x08, 0xFA, 0xDE, 0xDE, 0xAD};
+
+void vorx_tmu_sleep_poll(void)
+{
+  struct timespec ts = {0, VORX_TMU_POLL_NS};
+  nanosleep(&ts, NULL);
+}
+
+static void consumption_add(vorx_u64_t n) { __atomic_add_fetch(&g_tmu_memory_consumption, n, __ATOMIC_SEQ_CST); }
+static void consumption_sub(vorx_u64_t n) { __atomic_sub_fetch(&g_tmu_memory_consumption, n, __ATOMIC_SEQ_CST); }
+vorx_u64_t vorx_tmu_memory_consumption(void) { return __atomic_load_n(&g_tmu_memory_consumption, __ATOMIC_SEQ_CST); }
+vorx_u64_t vorx_tmu_memory_limit(void) { return g_tmu_memory_limit; }
+
+int vorx_tmu_compression_enabled(void) { return g_compressor_pool != NULL; }
+
+static vorx_u64_t system_now(void) { return sal_system_time(); }
+
+static vorx_u64_t system_freq(void)
+{
+  vorx_u64_t res = sal_system_time_freq();
+  TMU_ASSERT(res != 0);
+  return res;
+}
+
+/* ------------------------------------------------------------------ buffers */
+
+static void buffer_alloc(vorx_tmu_buffer_t *buf, vorx_u32_t size)
+{
+  memset(buf, 0, sizeof *buf);
+  buf->head = malloc(size);
+  TMU_ASSERT(buf->head != ((void*)0));
+  buf->size = size;
+  buf->write_ptr = buf->head;
+}
+
+static void buffer_free(vorx_tmu_buffer_t *buf)
+{
+  free(buf->head);
+  buf->head = buf->write_ptr = NULL;
+}
+
+static int buffer_empty(const vorx_tmu_buffer_t *buf) { return buf->write_ptr == buf->head; }
+
+static void wait_confirmations(vorx_tmu_buffer_t *buf)
+{
+  while (__atomic_load_n(&buf->pend_writes_cntr, __ATOMIC_ACQUIRE) != 0) vorx_tmu_sleep_poll();
+}
+
+static vorx_u32_t pool_bytes(const vorx_tmu_t *tmu) { return tmu->pool.buffs[0].size * tmu->pool.buf_num; }
+
+/* Replaces the pool by count empty buffers of size bytes. */
+static void pool_rebuild(vorx_tmu_t *tmu, vorx_u32_t count, vorx_u32_t size)
+{
+  for (vorx_u32_t i = 0; i < tmu->pool.buf_num; i++) buffer_free(&tmu->pool.buffs[i]);
+  free(tmu->pool.buffs);
+  tmu->pool.buffs = calloc(count, sizeof *tmu->pool.buffs);
+  TMU_ASSERT(tmu->pool.buffs != ((void*)0));
+  for (vorx_u32_t i = 0; i < count; i++) buffer_alloc(&tmu->pool.buffs[i], size);
+  tmu->pool.buf_num = count;
+  tmu->pool.active = 0;
+}
+
+/* ------------------------------------------------------------------ spilling */
+
+/* Writes one buffer out; the caller holds spill_lock and has waited for confirmations.
+ * A writer that can't be opened keeps the buffer for the next spill; otherwise the buffer is
+ * emptied whatever happened. */
+static int write_buffer(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buf)
+{
+  if (buffer_empty(buf)) return 1;
+  vorx_tmu_writer_t *w = tmu->writer;
+  if (!w) return 0;
+  if (!w->is_open(w) && !w->open(w)) return 0;
+  if (!tmu->magic_written) {
+    if (!w->write(w, k_magic, sizeof k_magic)) TMU_FATAL("Cannot write magic record to trace");
+    tmu->magic_written = 1;
+  }
+  vorx_u32_t used = (vorx_u32_t)(buf->write_ptr - buf->head);
+  int res;
+  if (!g_compressor_pool || tmu->no_compression) res = w->write(w, buf->head, used);
+  else res = vorx_tmu_write_compressed(tmu, buf->head, used);
+  if (w->close_after_spill(w)) w->close(w);
+  buf->write_ptr = buf->head;
+  buf->spills++;
+  return res;
+}
+
+static int spill_locked(vorx_tmu_t *tmu)
+{
+  if (tmu->mode != vorx_tmu_mode_ring) {
+    vorx_tmu_buffer_t *buf = &tmu->pool.buffs[tmu->pool.active];
+    wait_confirmations(buf);
+    return write_buffer(tmu, buf);
+  }
+  /* Ring order: the buffer after the active one holds the oldest records. */
+  for (vorx_u32_t i = 1; i <= tmu->pool.buf_num; i++) {
+    vorx_tmu_buffer_t *buf = &tmu->pool.buffs[(tmu->pool.active + i) % tmu->pool.buf_num];
+    wait_confirmations(buf);
+    if (!write_buffer(tmu, buf)) return 0;
+  }
+  return 1;
+}
+
+static int tmu_spill(vorx_tmu_t *tmu)
+{
+  vorx_mutex_lock(&tmu->buffer_lock);
+  vorx_mutex_lock(&tmu->spill_lock);
+  int res = spill_locked(tmu);
+  vorx_mutex_unlock(&tmu->spill_lock);
+  vorx_mutex_unlock(&tmu->buffer_lock);
+  return res;
+}
+
+/* ------------------------------------------------------------------ resize */
+
+/* Normal mode: spill, then buffers anew at the new size. Ring mode only grows, in place and
+ * with the content kept; the descriptors keep their size. */
+static void resize(vorx_tmu_t *tmu, vorx_u32_t size)
+{
+  vorx_mutex_lock(&tmu->buffer_lock);
+  vorx_mutex_lock(&tmu->spill_lock);
+  if (tmu->mode == vorx_tmu_mode_ring) {
+    for (vorx_u32_t i = 0; i < tmu->pool.buf_num; i++) {
+      vorx_tmu_buffer_t *b = &tmu->pool.buffs[i];
+      vorx_u32_t used = (vorx_u32_t)(b->write_ptr - b->head);
+      vorx_u8_t *head = realloc(b->head, size);
+      TMU_ASSERT(head != ((void*)0));
+      b->head = head;
+      b->write_ptr = head + used;
+    }
+  } else {
+    spill_locked(tmu);
+    pool_rebuild(tmu, tmu->pool.buf_num, size);
+  }
+  vorx_mutex_unlock(&tmu->spill_lock);
+  vorx_mutex_unlock(&tmu->buffer_lock);
+}
+
+/* ------------------------------------------------------------------ ring mode */
+
+/* Soft RLIMIT_DATA less the process's size: is there room for one more ring buffer? */
+static int ring_may_grow(void)
+{
+  struct rlimit rl;
+  if (getrlimit(RLIMIT_DATA, &rl) != 0) return 1;
+  int fd = sal_open_read("/proc/self/stat");
+  if (fd < 0) return 1;
+  char text[1025];
+  vorx_ssize_t n = sal_read(fd, text, 1024);
+  sal_close(fd);
+  if (n <= 0) return 1;
+  text[n] = 0;
+  /* Field 23 is vsize; the command name (field 2) may hold spaces, so count from its ')'. */
+  char *p = strrchr(text, ')');
+  if (!p) return 1;
+  unsigned field = 2;
+  while (*p && field < 23) {
+    if (*p++ == ' ') field++;
+  }
+  if (field != 23) return 1;
+  char *end;
+  unsigned long long vsize = strtoull(p, &end, 10);
+  if (end == p) return 1;
+  unsigned long long limit = rl.rlim_cur;
+  return !(limit < vsize || limit - vsize < 0x8000000ull);
+}
+
+/* A new buffer of the current size directly behind the active one. */
+static vorx_u32_t ring_grow(vorx_tmu_t *tmu)
+{
+  vorx_u32_t n = tmu->pool.buf_num, at = tmu->pool.active + 1;
+  vorx_tmu_buffer_t *buffs = realloc(tmu->pool.buffs, (n + 1) * sizeof *buffs);
+  TMU_ASSERT(buffs != ((void*)0));
+  memmove(&buffs[at + 1], &buffs[at], (n - at) * sizeof *buffs);
+  buffer_alloc(&buffs[at], buffs[0].size);
+  tmu->pool.buffs = buffs;
+  tmu->pool.buf_num = n + 1;
+  return at;
+}
+
+/* The ring is full: take the next buffer if it is empty or old enough to lose, else grow if
+ * memory allows. Caller holds buffer_lock. */
+static void alloc_or_switch_buffers(vorx_tmu_t *tmu)
+{
+  vorx_u32_t n = tmu->pool.buf_num;
+  vorx_u32_t next = (tmu->pool.active + 1) % n;
+  vorx_u32_t chosen = next;
+  if (!buffer_empty(&tmu->pool.buffs[next])) {
+    const vorx_tmu_buffer_t *after = &tmu->pool.buffs[(tmu->pool.active + 2) % n];
+    vorx_u64_t age = (system_now() - after->start_time) / system_freq();
+    if (!(age > tmu->ring_duration) && ring_may_grow()) chosen = ring_grow(tmu);
+  }
+  vorx_tmu_buffer_t *b = &tmu->pool.buffs[chosen];
+  wait_confirmations(b);
+  b->write_ptr = b->head;
+  b->start_time = system_now();
+  tmu->pool.active = chosen;
+  tmu->switches++;
+}
+
+/* ------------------------------------------------------------------ reservation */
+
+static void take_room(vorx_tmu_t *tmu, vorx_tmu_buffer_t *active, vorx_u32_t size, void **record,
+                      vorx_tmu_buffer_t **buffer)
+{
+  TMU_ASSERT((active)->head <= (active)->write_ptr && (active)->write_ptr + size <= (active)->head + (active)->size);
+  *record = active->write_ptr;
+  active->write_ptr += size;
+  if (tmu->locked) __atomic_add_fetch(&active->pend_writes_cntr, 1, __ATOMIC_ACQ_REL);
+  *buffer = active;
+}
+
+static int fits(const vorx_tmu_buffer_t *b, vorx_u32_t size)
+{
+  return (vorx_u32_t)(b->head + b->size - b->write_ptr) >= size;
+}
+
+int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_tmu_buffer_t **buffer)
+{
+  TMU_ASSERT((size) != 0);
+  if (size >= tmu->pool.buffs[0].size) {
+    /* A record beyond the buffers: double them until it fits. Ring buffers grow in place but
+     * keep their recorded size, so such a record stops at the bounds assertion there. */
+    vorx_u32_t old = tmu->pool.buffs[0].size, grown = old;
+    while (grown <= size && grown <= VORX_TMU_MAX_BUFFER_SIZE) grown *= 2;
+    if (grown > VORX_TMU_MAX_BUFFER_SIZE) {
+      const struct { vorx_tmu_buffer_t *buffs; } *pool = (const void *)&tmu->pool;
+      TMU_ASSERT(size <= pool->buffs[0].size);
+    }
+    resize(tmu, grown);
+    if (tmu->mode != vorx_tmu_mode_ring) consumption_add((vorx_u64_t)(grown - old) * tmu->pool.buf_num);
+  }
+  int res = 1;
+  vorx_mutex_lock(&tmu->buffer_lock);
+  vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
+  if (tmu->mode == vorx_tmu_mode_ring && buffer_empty(active)) {
+    TMU_ASSERT(((active)->write_ptr == (active)->head));
+    active->start_time = system_now();
+  }
+  if (fits(active, size)) {
+    take_room(tmu, active, size, record, buffer);
+    vorx_mutex_unlock(&tmu->buffer_lock);
+    return 1;
+  }
+  if (tmu->mode == vorx_tmu_mode_ring) {
+    alloc_or_switch_buffers(tmu);
+    take_room(tmu, &tmu->pool.buffs[tmu->pool.active], size, record, buffer);
+    vorx_mutex_unlock(&tmu->buffer_lock);
+    return 1;
+  }
+  vorx_mutex_lock(&tmu->spill_lock);
+  if (tmu->pool.buf_num == 1) {
+    wait_confirmations(active);
+    res = write_buffer(tmu, active);
+    active->write_ptr = active->head; /* a writer that can't open loses the buffer here */
+    take_room(tmu, active, size, record, buffer);
+    vorx_mutex_unlock(&tmu->spill_lock);
+    vorx_mutex_unlock(&tmu->buffer_lock);
+    return res;
+  }
+  /* Switch at once; other threads go on writing into the next buffer while this thread
+   * writes the old one out under spill_lock alone. */
+  tmu->switches++;
+  tmu->pool.active = (vorx_u32_t)(tmu->switches % tmu->pool.buf_num);
+  vorx_tmu_buffer_t *next = &tmu->pool.buffs[tmu->pool.active];
+  TMU_ASSERT(buffer_empty(next));
+  take_room(tmu, next, size, record, buffer);
+  vorx_mutex_unlock(&tmu->buffer_lock);
+  wait_confirmations(active);
+  res = write_buffer(tmu, active);
+  active->write_ptr = active->head;
+  vorx_mutex_unlock(&tmu->spill_lock);
+  return res;
+}
+
+static void tmu_confirm(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buff)
+{
+  if (!tmu->locked) return;
+  TMU_ASSERT((buff)->pend_writes_cntr > 0);
+  __atomic_sub_fetch(&buff->pend_writes_cntr, 1, __ATOMIC_ACQ_REL);
+}
+
+static int tmu_put_record(vorx_tmu_t *tmu, const void *head, vorx_u32_t head_size, const void *tail, vorx_u32_t tail_size)
+{
+  void *dest;
+  vorx_tmu_buffer_t *buf;
+  int res = vorx_tmu_alloc_record(tmu, head_size + tail_size, &dest, &buf);
+  memcpy(dest, head, head_size);
+  if (tail_size) memcpy((vorx_u8_t *)dest + head_size, tail, tail_size);
+  tmu->confirm_record(tmu, buf);
+  return res;
+}
+
+static int tmu_put_encoded(vorx_tmu_t *tmu, const void *record)
+{
+  vorx_u32_t size = tmu->calculate_length(record);
+  void *dest;
+  vorx_tmu_buffer_t *buf;
+  int res = vorx_tmu_alloc_record(tmu, size, &dest, &buf);
+  tmu->encode_data(dest, record, size);
+  tmu->confirm_record(tmu, buf);
+  return res;
+}
+
+/* ------------------------------------------------------------------ states */
+
+static int idle_put_record(vorx_tmu_t *t, const void *h, vorx_u32_t hs, const void *tl, vorx_u32_t ts) { return 1; }
+static int idle_spill(vorx_tmu_t *t) { return 1; }
+static int idle_put_encoded(vorx_tmu_t *t, const void *r) { return 1; }
+
+static int tmu_set_file(vorx_tmu_t *tmu, const char *path);
+static int tmu_set_fd(vorx_tmu_t *tmu, int fd);
+
+static void install_idle(vorx_tmu_t *tmu)
+{
+  tmu->put_record = idle_put_record;
+  tmu->spill = idle_spill;
+  tmu->put_encoded = idle_put_encoded;
+}
+
+static void install_working(vorx_tmu_t *tmu)
+{
+  tmu->put_record = tmu_put_record;
+  tmu->spill = tmu_spill;
+  tmu->put_encoded = tmu_put_encoded;
+}
+
+static void writer_close_destroy(vorx_tmu_t *tmu)
+{
+  vorx_tmu_writer_t *w = tmu->writer;
+  if (!w) return;
+  if (w->is_open(w)) w->close(w);
+  if (tmu->writer_destroy) tmu->writer_destroy(w);
+  tmu->writer = NULL;
+  tmu->writer_ready = 0;
+}
+
+/* Drops the current writer and its pool state before another writer is attached. */
+static void reset_for_new_writer(vorx_tmu_t *tmu, int rebuild_pool)
+{
+  if (!tmu->writer) return;
+  if (rebuild_pool) {
+    if (tmu->mode == vorx_tmu_mode_ring) consumption_add((vorx_u64_t)tmu->pool.buffs[0].size * tmu->buffer_num);
+    pool_rebuild(tmu, tmu->buffer_num, tmu->pool.buffs[0].size);
+    tmu->mode = vorx_tmu_mode_normal;
+  }
+  writer_close_destroy(tmu);
+}
+
+static void attach_writer(vorx_tmu_t *tmu, vorx_tmu_writer_t *w)
+{
+  tmu->writer = w;
+  tmu->writer_destroy = vorx_tmu_writer_destroy;
+  tmu->pool.active = 0;
+  tmu->switches = 0;
+  tmu->magic_written = 0;
+  tmu->no_compression = 0;
+  tmu->calculate_length = g_calculate_length_cb;
+  tmu->encode_data = g_encode_data_cb;
+  install_working(tmu);
+  __atomic_store_n(&tmu->writer_ready, 1, __ATOMIC_RELEASE);
+}
+
+static int tmu_set_file(vorx_tmu_t *tmu, const char *path)
+{
+  reset_for_new_writer(tmu, 1);
+  vorx_tmu_writer_t *w = vorx_tmu_file_writer_create(path);
+  if (!w) return 0;
+  attach_writer(tmu, w);
+  return 1;
+}
+
+static int tmu_set_fd(vorx_tmu_t *tmu, int fd)
+{
+  reset_for_new_writer(tmu, 0);
+  vorx_tmu_writer_t *w = vorx_tmu_file_desc_writer_create(fd);
+  if (!w) return 0;
+  attach_writer(tmu, w);
+  return 1;
+}
+
+void vorx_tmu_set_write_record_callbacks(vorx_tmu_t *tmu, vorx_tmu_length_cb length, vorx_tmu_encode_cb encode)
+{
+  tmu->calculate_length = length;
+  tmu->encode_data = encode;
+}
+
+void vorx_tmu_disable_compression(vorx_tmu_t *tmu) { tmu->no_compression = 1; }
+void vorx_tmu_disable_magic_record(vorx_tmu_t *tmu) { tmu->magic_written = 1; }
+void vorx_tmu_set_ring_buffer_duration(vorx_tmu_t *tmu, vorx_u32_t seconds) { tmu->ring_duration = seconds; }
+
+void vorx_tmu_set_mode(vorx_tmu_t *tmu, vorx_u32_t mode)
+{
+  if (tmu->mode == mode) return;
+  tmu->spill(tmu);
+  while (tmu->writer && !__atomic_load_n(&tmu->writer_ready, __ATOMIC_ACQUIRE)) vorx_tmu_sleep_poll();
+  vorx_mutex_lock(&tmu->buffer_lock);
+  vorx_mutex_lock(&tmu->spill_lock);
+  vorx_u32_t size = tmu->pool.buffs[0].size;
+  if (mode == vorx_tmu_mode_ring) {
+    /* Ring memory is outside the limit: the ring decides its own growth. */
+    vorx_tmu_t *itmu = tmu;
+    TMU_ASSERT(g_tmu_memory_consumption >= (vorx_u64_t)itmu->pool.buffs[0].size * itmu->pool.buf_num);
+    consumption_sub((vorx_u64_t)pool_bytes(tmu));
+    pool_rebuild(tmu, 2, size);
+  } else {
+    pool_rebuild(tmu, tmu->buffer_num, size);
+    consumption_add((vorx_u64_t)pool_bytes(tmu));
+  }
+  tmu->mode = mode;
+  vorx_mutex_unlock(&tmu->spill_lock);
+  vorx_mutex_unlock(&tmu->buffer_lock);
+}
+
+/* ------------------------------------------------------------------ the list and the limit */
+
+static void list_append(vorx_tmu_t *tmu)
+{
+  tmu->prev = g_tmu_list.prev;
+  tmu->next = &g_tmu_list;
+  g_tmu_list.prev->next = tmu;
+  g_tmu_list.prev = tmu;
+}
+
+static void list_remove(vorx_tmu_t *tmu)
+{
+  if (!tmu->next) return;
+  tmu->prev->next = tmu->next;
+  tmu->next->prev = tmu->prev;
+  tmu->prev = tmu->next = NULL;
+}
+
+/* The unit that gives up half its buffers: the biggest, and among equals the one that
+ * switched buffers least often. The first unit is the starting candidate whatever its mode;
+ * ring units never replace it. */
+static vorx_tmu_t *choose_victim(void)
+{
+  vorx_tmu_t *victim = g_tmu_list.next;
+  if (victim == &g_tmu_list) return NULL;
+  for (vorx_tmu_t *t = victim->next; t != &g_tmu_list; t = t->next) {
+    if (t->mode == vorx_tmu_mode_ring) continue;
+    vorx_u32_t ts = t->pool.buffs[0].size, vs = victim->pool.buffs[0].size;
+    if (ts > vs || (ts == vs && t->switches < victim->switches)) victim = t;
+  }
+  return victim;
+}
+
+/* The buffer size of a new unit of buf_num buffers. Caller holds the list mutex. */
+static vorx_u32_t buffer_size_for_new_unit(vorx_u32_t buf_num)
+{
+  vorx_u64_t share = (vorx_u64_t)VORX_TMU_BUFFER_SIZE * buf_num;
+  if (vorx_tmu_memory_consumption() + share <= g_tmu_memory_limit) {
+    consumption_add(share);
+    return VORX_TMU_BUFFER_SIZE;
+  }
+  vorx_tmu_t *victim = choose_victim();
+  if (!victim) {
+    consumption_add(share);
+    return VORX_TMU_BUFFER_SIZE;
+  }
+  vorx_u32_t old = victim->pool.buffs[0].size;
+  resize(victim, old / 2);
+  return buf_num == 1 ? old / 2 : old / 4;
+}
+
+static vorx_tmu_t *unit_create(vorx_u32_t type)
+{
+  vorx_u32_t buf_num;
+  switch (type) {
+  case vorx_tmu_per_process: buf_num = 2; break;
+  case vorx_tmu_per_thread: buf_num = 1; break;
+  case vorx_tmu_per_thread_no_blocking:
+    fprintf(stderr, "per thread no blocking tmu is used on Windows only\n");
+    return NULL;
+  default:
+    fprintf(stderr, "unknown type of tmu\n");
+    return NULL;
+  }
+  vorx_tmu_t *obj = calloc(1, sizeof *obj);
+  TMU_ASSERT(obj != ((void*)0));
+  vorx_mutex_lock(&g_tmu_list_mutex);
+  vorx_u32_t size = buffer_size_for_new_unit(buf_num);
+  obj->pool.buffs = calloc(buf_num, sizeof *obj->pool.buffs);
+  TMU_ASSERT(obj->pool.buffs != ((void*)0));
+  for (vorx_u32_t i = 0; i < buf_num; i++) buffer_alloc(&obj->pool.buffs[i], size);
+  obj->pool.buf_num = buf_num;
+  obj->buffer_num = buf_num;
+  obj->type = type;
+  obj->locked = 1;
+  obj->set_file = tmu_set_file;
+  obj->set_fd = tmu_set_fd;
+  obj->confirm_record = tmu_confirm;
+  obj->calculate_length = g_calculate_length_cb;
+  obj->encode_data = g_encode_data_cb;
+  install_idle(obj);
+  vorx_mutex_init(&obj->mutex);
+  vorx_mutex_init(&obj->buffer_lock);
+  vorx_mutex_init(&obj->spill_lock);
+  list_append(obj);
+  vorx_mutex_unlock(&g_tmu_list_mutex);
+  return obj;
+}
+
+/* Returns the unit's buffers to the process; the unit's block itself stays. */
+static void unit_release(vorx_tmu_t *tmu, int spill)
+{
+  if (spill) tmu->spill(tmu);
+  install_idle(tmu);
+  vorx_mutex_lock(&tmu->buffer_lock);
+  vorx_mutex_lock(&tmu->spill_lock);
+  writer_close_destroy(tmu);
+  if (tmu->mode != vorx_tmu_mode_ring) consumption_sub((vorx_u64_t)pool_bytes(tmu));
+  for (vorx_u32_t i = 0; i < tmu->pool.buf_num; i++) buffer_free(&tmu->pool.buffs[i]);
+  free(tmu->pool.buffs);
+  tmu->pool.buffs = NULL;
+  tmu->pool.buf_num = 0;
+  vorx_mutex_unlock(&tmu->spill_lock);
+  vorx_mutex_unlock(&tmu->buffer_lock);
+  vorx_mutex_destroy(&tmu->mutex);
+  vorx_mutex_destroy(&tmu->buffer_lock);
+  vorx_mutex_destroy(&tmu->spill_lock);
+}
+
+static void detach_unit(vorx_tmu_t *tmu)
+{
+  install_idle(tmu);
+  vorx_tmu_writer_t *w = tmu->writer;
+  if (w && w->close_after_spill(w) && w->is_open(w)) w->close(w);
+}
+
+void vorx_tmu_adjust_all_tmus(void)
+{
+  vorx_mutex_lock(&g_tmu_list_mutex);
+  for (vorx_tmu_t *t = g_tmu_list.next; t != &g_tmu_list; t = t->next) {
+    t->spill(t);
+    detach_unit(t);
+  }
+  vorx_mutex_unlock(&g_tmu_list_mutex);
+}
+
+void vorx_tmu_free_all_tmus(void)
+{
+  vorx_mutex_lock(&g_tmu_list_mutex);
+  while (g_tmu_list.next != &g_tmu_list) {
+    vorx_tmu_t *t = g_tmu_list.next;
+    list_remove(t);
+    unit_release(t, 1);
+  }
+  vorx_mutex_unlock(&g_tmu_list_mutex);
+}
+
+/* ------------------------------------------------------------------ creator */
+
+static vorx_tmu_t *creator_alloc(vorx_tmu_creator_t *c, vorx_u32_t type, const char *file_name)
+{
+  vorx_tmu_t *tmu = unit_create(type);
+  if (!tmu || c->state == 1) return tmu;
+  if (!tmu->set_file(tmu, file_name)) {
+    c->discard_unit(c, tmu);
+    return NULL;
+  }
+  return tmu;
+}
+
+static vorx_tmu_t *creator_alloc_fd(vorx_tmu_creator_t *c, vorx_u32_t type, int fd)
+{
+  TMU_ASSERT((((vorx_file_desc_t)fd) >= 0));
+  if (type != vorx_tmu_per_process) {
+    fprintf(stderr, "per_process is the only type of fd tmu\n");
+    return NULL;
+  }
+  vorx_tmu_t *tmu = unit_create(type);
+  if (tmu && !tmu->set_fd(tmu, fd)) {
+    c->discard_unit(c, tmu);
+    return NULL;
+  }
+  return tmu;
+}
+
+static vorx_tmu_t *attach_comm_writer(vorx_tmu_creator_t *c, vorx_u32_t type, vorx_tmu_writer_t *w)
+{
+  if (type != vorx_tmu_per_process) {
+    fprintf(stderr, "per_process is the only type of comm tmu\n");
+    if (w) vorx_tmu_writer_destroy(w);
+    return NULL;
+  }
+  if (!w) return NULL;
+  vorx_tmu_t *tmu = unit_create(type);
+  if (!tmu) {
+    vorx_tmu_writer_destroy(w);
+    return NULL;
+  }
+  attach_writer(tmu, w);
+  return tmu;
+}
+
+static vorx_tmu_t *creator_alloc_comm(vorx_tmu_creator_t *c, vorx_u32_t type, const char *name, vorx_u32_t port)
+{
+  return attach_comm_writer(c, type, type == vorx_tmu_per_process ? vorx_tmu_comm_writer_create(name, port) : NULL);
+}
+
+static vorx_tmu_t *creator_alloc_remote(vorx_tmu_creator_t *c, vorx_u32_t type, const char *stream_name,
+                                        const char *host, vorx_u32_t port)
+{
+  /* The communication layer offers local channels only. */
+  fprintf(stderr, "remote trace streams are not available in this build\n");
+  return NULL;
+}
+
+static void creator_detach(vorx_tmu_creator_t *c, vorx_tmu_t *tmu) { detach_unit(tmu); }
+
+static void creator_free_unit(vorx_tmu_creator_t *c, vorx_tmu_t *tmu)
+{
+  vorx_mutex_lock(&g_tmu_list_mutex);
+  list_remove(tmu);
+  vorx_mutex_unlock(&g_tmu_list_mutex);
+  unit_release(tmu, 1);
+}
+
+static void creator_discard_unit(vorx_tmu_creator_t *c, vorx_tmu_t *tmu)
+{
+  vorx_mutex_lock(&g_tmu_list_mutex);
+  list_remove(tmu);
+  vorx_mutex_unlock(&g_tmu_list_mutex);
+  unit_release(tmu, 0);
+  free(tmu);
+}
+
+static vorx_tmu_creator_t g_creator_object = {
+    creator_alloc, creator_alloc_fd, creator_alloc_comm, creator_alloc_remote,
+    creator_detach, creator_free_unit, creator_discard_unit, 0, 0};
+static volatile int g_creator_flag; /* 0 none, 1 being made, 2 made */
+
+vorx_tmu_creator_t *vorx_tmu_creator_alloc(vorx_u64_t limit)
+{
+  int expected = 0;
+  if (__atomic_compare_exchange_n(&g_creator_flag, &expected, 1, 0, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+    if (limit == 0) {
+      vorx_u64_t per_cpu = (vorx_u64_t)sal_get_cpu_number() * 0x200000u + 0x200000u;
+      limit = per_cpu > VORX_TMU_DEFAULT_LIMIT ? per_cpu : VORX_TMU_DEFAULT_LIMIT;
+    }
+    g_tmu_memory_limit = limit;
+    g_vorx_tmu_creator = &g_creator_object;
+    __atomic_store_n(&g_creator_flag, 2, __ATOMIC_RELEASE);
+  }
+  while (__atomic_load_n(&g_creator_flag, __ATOMIC_ACQUIRE) != 2) sal_yield();
+  return g_vorx_tmu_creator;
+}
+
+void vorx_tmu_creator_set_state(vorx_tmu_creator_t *c, vorx_u32_t state) { c->state = state; }
+
+void vorx_tmu_creator_set_compression_level(vorx_tmu_creator_t *c, int level)
+{
+  vorx_pool *old = g_compressor_pool;
+  g_compressor_pool = NULL;
+  vorx_free_compressor_pool(old);
+  if (level != 0) g_compressor_pool = vorx_alloc_compressor_pool(level, VORX_TMU_BUFFER_SIZE, c->expected_compressors);
+}
+
+void vorx_tmu_creator_set_expected_compressors(vorx_tmu_creator_t *c, vorx_u32_t count) { c->expected_compressors = count; }
+
+void vorx_tmu_creator_set_write_record_callbacks(vorx_tmu_creator_t *c, vorx_tmu_length_cb length, vorx_tmu_encode_cb encode)
+{
+  g_calculate_length_cb = length;
+  g_encode_data_cb = encode;
+}
+
+/* ------------------------------------------------------------------ compression */
+
+int vorx_tmu_write_compressed(vorx_tmu_t *tmu, const void *data, vorx_u32_t length)
+{
+  vorx_pool *pool = g_compressor_pool;
+  vorx_pool_item *item = NULL;
+  pool->vtbl->get(pool, &item); /* blocks until a compressor is free */
+  xl_compressor_t *c = ((vorx_compressor_item_t *)item)->compressor;
+  vorx_tmu_writer_t *w = tmu->writer;
+  if (!c || c->set_buffer(c, data, length) != 0) {
+    pool->vtbl->put(pool, item);
+    TMU_FATAL("compressor: can't set buffer");
+  }
+  void *out = NULL;
+  vorx_u32_t out_len = 0;
+  if (c->process(c, &out, &out_len) != 0) {
+    pool->vtbl->put(pool, item);
+    TMU_FATAL("compressor: can't process buffer");
+  }
+  if (c->type(c) != XL_COMPRESSOR_ZLIB) {
+    pool->vtbl->put(pool, item);
+    TMU_FATAL("compressor: unsupported compressor's type");
+  }
+  vorx_u8_t frame[10];
+  tf_compressed_put_head(frame, out_len);
+  if (!w->write(w, frame, sizeof frame)) {
+    pool->vtbl->put(pool, item);
+    TMU_FATAL("Cannot write compressed header file to trace");
+  }
+  if (!w->write(w, out, out_len)) TMU_FATAL("Cannot write compressed record to trace file");
+  pool->vtbl->put(pool, item);
+  return 1;
+}

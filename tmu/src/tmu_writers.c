@@ -1,0 +1,135 @@
+/* Writers: where a unit's spilled buffers go. */
+#include "tmu_internal.h"
+
+#include "vorx_comm.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+typedef struct file_writer {
+  vorx_tmu_writer_t ops;
+  char *path; /* null for a descriptor writer */
+  int fd;
+} file_writer_t;
+
+typedef struct comm_writer {
+  vorx_tmu_writer_t ops;
+  char *name;
+  vorx_u32_t port;
+  int tried;     /* the connection is attempted once */
+  int connected;
+  comm_client client;
+} comm_writer_t;
+
+/* ------------------------------------------------------------------ file */
+
+static int file_open(vorx_tmu_writer_t *w)
+{
+  file_writer_t *f = (file_writer_t *)w;
+  int fd = sal_open(f->path);
+  if (fd >= 0) {
+    sal_seek(fd, 0, 0, SEEK_END); /* appending: the file is reopened at every spill */
+  } else {
+    fd = sal_create_ex(f->path, 0644);
+  }
+  f->fd = fd;
+  return fd >= 0;
+}
+
+static void file_close(vorx_tmu_writer_t *w)
+{
+  file_writer_t *f = (file_writer_t *)w;
+  if (f->fd >= 0) sal_close(f->fd);
+  f->fd = -1;
+}
+
+static int file_write(vorx_tmu_writer_t *w, const void *bytes, vorx_u32_t length)
+{
+  file_writer_t *f = (file_writer_t *)w;
+  return sal_write(f->fd, bytes, length) == (vorx_ssize_t)length;
+}
+
+static int file_is_open(vorx_tmu_writer_t *w) { return ((file_writer_t *)w)->fd >= 0; }
+static int file_close_after_spill(vorx_tmu_writer_t *w) { return 1; }
+
+vorx_tmu_writer_t *vorx_tmu_file_writer_create(const char *path)
+{
+  if (!path) return NULL;
+  file_writer_t *f = calloc(1, sizeof *f);
+  if (!f) return NULL;
+  f->path = sal_strdup(path);
+  if (!f->path) {
+    free(f);
+    return NULL;
+  }
+  f->fd = -1;
+  f->ops = (vorx_tmu_writer_t){file_open, file_close, file_write, file_is_open, file_close_after_spill};
+  return &f->ops;
+}
+
+/* ------------------------------------------------------------------ file descriptor */
+
+static int fd_open(vorx_tmu_writer_t *w) { return ((file_writer_t *)w)->fd >= 0; }
+static void fd_close(vorx_tmu_writer_t *w) {}
+static int fd_close_after_spill(vorx_tmu_writer_t *w) { return 0; }
+
+vorx_tmu_writer_t *vorx_tmu_file_desc_writer_create(int fd)
+{
+  file_writer_t *f = calloc(1, sizeof *f);
+  if (!f) return NULL;
+  f->fd = fd;
+  f->ops = (vorx_tmu_writer_t){fd_open, fd_close, file_write, file_is_open, fd_close_after_spill};
+  return &f->ops;
+}
+
+/* ------------------------------------------------------------------ comm */
+
+static int comm_open(vorx_tmu_writer_t *w)
+{
+  comm_writer_t *c = (comm_writer_t *)w;
+  if (!c->tried) {
+    c->tried = 1;
+    c->connected = comm_client_connect(&c->client, c->name, c->port) == vorx_er_success;
+  }
+  return c->connected;
+}
+
+static void comm_close(vorx_tmu_writer_t *w)
+{
+  comm_writer_t *c = (comm_writer_t *)w;
+  if (c->connected) comm_client_destroy(&c->client);
+  c->connected = 0;
+}
+
+static int comm_write(vorx_tmu_writer_t *w, const void *bytes, vorx_u32_t length)
+{
+  comm_writer_t *c = (comm_writer_t *)w;
+  return c->connected && comm_client_send(&c->client, bytes, length) == vorx_er_success;
+}
+
+static int comm_is_open(vorx_tmu_writer_t *w) { return ((comm_writer_t *)w)->connected; }
+static int comm_close_after_spill(vorx_tmu_writer_t *w) { return 0; }
+
+vorx_tmu_writer_t *vorx_tmu_comm_writer_create(const char *name, vorx_u32_t port)
+{
+  comm_writer_t *c = calloc(1, sizeof *c);
+  if (!c) return NULL;
+  c->name = sal_strdup(name ? name : "");
+  c->port = port;
+  c->client.socket = -1;
+  c->ops = (vorx_tmu_writer_t){comm_open, comm_close, comm_write, comm_is_open, comm_close_after_spill};
+  return &c->ops;
+}
+
+void vorx_tmu_writer_destroy(vorx_tmu_writer_t *w)
+{
+  if (!w) return;
+  if (w->open == comm_open) {
+    comm_writer_t *c = (comm_writer_t *)w;
+    free(c->name);
+  } else {
+    free(((file_writer_t *)w)->path);
+  }
+  free(w);
+}
