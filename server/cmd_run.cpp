@@ -1,0 +1,96 @@
+// vorx run [options] -- <program> [arguments]
+//
+// Starts the run-tool server as vorx_server.<pid>, launches the program under
+// the engine with the collector, serves every process of the collection and
+// ends with the program's exit status once the collection is over.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "run/launch.hpp"
+#include "run/manifest.hpp"
+#include "run/options.hpp"
+#include "run/run_server.hpp"
+#include "run/supervisor.hpp"
+#include "vorx.h"
+
+using namespace vorx::server;
+
+namespace {
+
+constexpr int kUsageError = 2;
+constexpr int kCannotStart = 127;
+
+int fail(const std::string &reason, int status) {
+  std::cerr << "vorx run: " << reason << std::endl;
+  return status;
+}
+
+}  // namespace
+
+int command_run(int argc, char **argv) {
+  CLI::App app{"Run a program and collect its profile and trace.", "vorx run"};
+  app.footer("Example: vorx run -c cpu,threading -i 5 -- ./app --its-own-option");
+  RunOptions options;
+  add_run_options(app, options);
+  app.prefix_command();
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &e) {
+    return app.exit(e) == 0 ? 0 : 2;  // 2: the usage was wrong
+  }
+  // Everything after the program's name belongs to the program.
+  std::vector<std::string> rest = app.remaining();
+  if (!rest.empty() && rest.front() == "--") rest.erase(rest.begin());
+  options.command.insert(options.command.end(), rest.begin(), rest.end());
+  if (!options.command.empty() && options.command.front() == "--")
+    options.command.erase(options.command.begin());
+  if (std::string reason = check_run_options(options); !reason.empty()) return fail(reason, kUsageError);
+
+  std::string error;
+  std::string program = find_program(options.command.front(), error);
+  if (program.empty()) return fail(error, kCannotStart);
+  std::string engine = locate_engine(options.engine, error);
+  if (engine.empty()) return fail(error, kCannotStart);
+  std::string tool = locate_tool(options.tool, error);
+  if (tool.empty()) return fail(error, kCannotStart);
+  std::string results = make_results_dir(options.result_dir, error);
+  if (results.empty()) return fail(error, kCannotStart);
+
+  ProcessTable processes;
+  ReportSink reports;
+  RunServer server(make_base_configuration(options, results), processes, reports);
+  if (!server.start((uint32_t)getpid(), error)) return fail(error, kCannotStart);
+
+  Supervisor::prepare();
+  RunRecord record;
+  record.command = options.command;
+  record.options = describe_run_options(options);
+  record.server_name = server.name();
+  record.results_dir = results;
+  record.started = Clock::now();
+
+  std::vector<std::string> program_argv = options.command;
+  program_argv.front() = program;
+  auto root = spawn(engine_command(engine, tool, server.name(), program_argv), error);
+  if (!root) {
+    server.stop();
+    return fail(error, kCannotStart);
+  }
+  server.set_root_pid(*root);
+  processes.on_new(*root, getpid());
+  record.root_pid = *root;
+
+  int status = Supervisor(processes, reports).wait_for(*root);
+  server.stop();
+
+  record.finished = Clock::now();
+  record.exit_status = shell_status(status);
+  record.processes = processes.snapshot();
+  record.errors = reports.count("error");
+  record.warnings = reports.count("warning");
+  if (!write_manifest(record, error)) std::cerr << "vorx run: " << error << std::endl;
+  std::cerr << "vorx: results in " << results << std::endl;
+  return record.exit_status;
+}

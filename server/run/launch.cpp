@@ -1,0 +1,162 @@
+#include "launch.hpp"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+
+namespace vorx::server {
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string with_slash(std::string path) {
+  if (path.empty() || path.back() != '/') path += '/';
+  return path;
+}
+
+bool is_executable_file(const std::string &path) {
+  struct stat st {};
+  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+}  // namespace
+
+std::string make_results_dir(const std::string &requested, std::string &error) {
+  std::error_code ec;
+  if (!requested.empty()) {
+    fs::create_directories(requested, ec);
+    if (ec || !fs::is_directory(requested)) {
+      error = "cannot create the result directory '" + requested + "': " +
+              (ec ? ec.message() : std::string("not a directory"));
+      return {};
+    }
+    return with_slash(fs::absolute(requested).lexically_normal().string());
+  }
+  for (int n = 0; n < 1000; n++) {
+    char name[32];
+    std::snprintf(name, sizeof(name), "vorx-results-%03d", n);
+    if (mkdir(name, 0775) == 0) return with_slash(fs::absolute(name).lexically_normal().string());
+    if (errno != EEXIST) {
+      error = std::string("cannot create a result directory in the current directory: ") + strerror(errno);
+      return {};
+    }
+  }
+  error = "all of ./vorx-results-000 to 999 exist; remove old results or give --result-dir";
+  return {};
+}
+
+std::string find_program(const std::string &name, std::string &error) {
+  if (name.find('/') != std::string::npos) {
+    if (access(name.c_str(), F_OK) != 0) {
+      error = "program '" + name + "' does not exist";
+      return {};
+    }
+    if (!is_executable_file(name)) {
+      error = "program '" + name + "' is not an executable file";
+      return {};
+    }
+    return name;
+  }
+  const char *path = getenv("PATH");
+  std::string dirs = path ? path : "/usr/local/bin:/usr/bin:/bin";
+  size_t start = 0;
+  while (start <= dirs.size()) {
+    size_t end = dirs.find(':', start);
+    std::string dir = dirs.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    std::string candidate = (dir.empty() ? std::string(".") : dir) + "/" + name;
+    if (is_executable_file(candidate)) return candidate;
+    if (end == std::string::npos) break;
+    start = end + 1;
+  }
+  error = "program '" + name + "' was not found in PATH";
+  return {};
+}
+
+std::string own_directory() {
+  std::error_code ec;
+  fs::path self = fs::read_symlink("/proc/self/exe", ec);
+  return ec ? std::string(".") : self.parent_path().string();
+}
+
+std::string locate_engine(const std::string &given, std::string &error) {
+  std::string path = given.empty() ? own_directory() + "/kel" : given;
+  if (!is_executable_file(path)) {
+    error = "the instrumentation engine was not found at '" + path +
+            "'; build it (target kel) or install vorx together with it";
+    return {};
+  }
+  return path;
+}
+
+std::string locate_tool(const std::string &given, std::string &error) {
+  std::string path = given.empty()
+                         ? (fs::path(own_directory()) / ".." / "lib" / "libvorxtool.so").lexically_normal().string()
+                         : given;
+  if (access(path.c_str(), R_OK) != 0) {
+    error = "the collector library was not found at '" + path +
+            "'; build it (target vorxtool) or install vorx together with it";
+    return {};
+  }
+  return path;
+}
+
+std::vector<std::string> engine_command(const std::string &engine, const std::string &tool,
+                                        const std::string &server_name,
+                                        const std::vector<std::string> &program) {
+  std::vector<std::string> argv = {engine, "-t", tool, "-server_name", server_name, "--"};
+  argv.insert(argv.end(), program.begin(), program.end());
+  return argv;
+}
+
+std::optional<pid_t> spawn(const std::vector<std::string> &argv, std::string &error) {
+  int pipefd[2];
+  if (pipe2(pipefd, O_CLOEXEC) != 0) {
+    error = std::string("cannot create a pipe: ") + strerror(errno);
+    return std::nullopt;
+  }
+  std::vector<char *> args;
+  for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+  args.push_back(nullptr);
+
+  pid_t pid = fork();
+  if (pid < 0) {
+    error = std::string("cannot fork: ") + strerror(errno);
+    close(pipefd[0]);
+    close(pipefd[1]);
+    return std::nullopt;
+  }
+  if (pid == 0) {
+    close(pipefd[0]);
+    for (int sig = 1; sig < NSIG; sig++) signal(sig, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    execv(args[0], args.data());
+    int err = errno;
+    ssize_t ignored = write(pipefd[1], &err, sizeof(err));
+    (void)ignored;
+    _exit(127);
+  }
+  close(pipefd[1]);
+  int child_errno = 0;
+  ssize_t got;
+  do {
+    got = read(pipefd[0], &child_errno, sizeof(child_errno));
+  } while (got < 0 && errno == EINTR);
+  close(pipefd[0]);
+  if (got == (ssize_t)sizeof(child_errno)) {
+    error = "cannot execute '" + argv[0] + "': " + strerror(child_errno);
+    return std::nullopt;
+  }
+  return pid;
+}
+
+}  // namespace vorx::server

@@ -1,0 +1,105 @@
+#include "supervisor.hpp"
+
+#include <errno.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+
+namespace vorx::server {
+namespace {
+
+volatile sig_atomic_t g_forward_signal = 0;
+
+void remember_signal(int sig) { g_forward_signal = sig; }
+
+bool alive(pid_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
+
+constexpr auto kPoll = std::chrono::milliseconds(20);
+constexpr auto kSayWhoAfter = std::chrono::seconds(3);
+// Connections of the last moments (a child's "end" on its way) land first.
+constexpr int kQuietRoundsToEnd = 5;
+
+}  // namespace
+
+int shell_status(int wait_status) {
+  if (WIFEXITED(wait_status)) return WEXITSTATUS(wait_status);
+  if (WIFSIGNALED(wait_status)) return 128 + WTERMSIG(wait_status);
+  return 1;
+}
+
+void Supervisor::prepare() {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  signal(SIGINT, SIG_IGN);
+  signal(SIGQUIT, SIG_IGN);
+  struct sigaction sa {};
+  sa.sa_handler = remember_signal;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGTERM, &sa, nullptr);
+  sigaction(SIGHUP, &sa, nullptr);
+}
+
+void Supervisor::notice_death(const ProcessInfo &p) {
+  std::string who = p.name.empty() ? "" : " (" + p.name + ")";
+  if (p.exit_signal && p.pid != root_) {
+    reports_.report(p.pid, p.name, "warning", "process " + std::to_string(p.pid) + who + " was " +
+                                                   describe_exit(p) + "; its collection is cut short");
+  } else if (p.ready && !p.ended && !p.exit_signal) {
+    reports_.report(p.pid, p.name, "warning",
+                    "process " + std::to_string(p.pid) + who + " " + describe_exit(p) +
+                        " without closing its collection");
+  }
+}
+
+void Supervisor::reap() {
+  int status = 0;
+  pid_t pid;
+  while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+    if (pid == root_) {
+      root_done_ = true;
+      root_status_ = status;
+    }
+    if (auto p = processes_.on_exit(pid, status)) notice_death(*p);
+  }
+  for (const ProcessInfo &p : processes_.sweep(alive))
+    reports_.report(p.pid, p.name, "warning",
+                    "process " + std::to_string(p.pid) + (p.name.empty() ? "" : " (" + p.name + ")") +
+                        " is gone without closing its collection");
+}
+
+void Supervisor::say_who_is_awaited() {
+  std::string list;
+  for (const ProcessInfo &p : processes_.pending())
+    list += (list.empty() ? "" : ", ") + std::to_string(p.pid) + (p.name.empty() ? "" : " (" + p.name + ")");
+  reports_.report(0, "", "note", "the program has ended; waiting for " + list + " to finish");
+  waiting_said_ = true;
+}
+
+int Supervisor::wait_for(pid_t root) {
+  root_ = root;
+  auto root_end_time = std::chrono::steady_clock::now();
+  int quiet_rounds = 0;
+  for (;;) {
+    if (g_forward_signal) {
+      kill(root_, g_forward_signal);
+      g_forward_signal = 0;
+    }
+    bool was_done = root_done_;
+    reap();
+    if (root_done_ && !was_done) root_end_time = std::chrono::steady_clock::now();
+    if (root_done_) {
+      quiet_rounds = processes_.anyone_pending() ? 0 : quiet_rounds + 1;
+      if (quiet_rounds >= kQuietRoundsToEnd) break;
+      if (!waiting_said_ && quiet_rounds == 0 &&
+          std::chrono::steady_clock::now() - root_end_time > kSayWhoAfter)
+        say_who_is_awaited();
+    }
+    std::this_thread::sleep_for(kPoll);
+  }
+  return root_status_;
+}
+
+}  // namespace vorx::server

@@ -1,0 +1,45 @@
+// Waits for a collection to end: the root program has exited and every
+// process that opened a collection has closed it or died. The run-tool is the
+// reaper of the whole process tree, so that the death of any descendant,
+// crash included, is seen with its status.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+
+#include "process_table.hpp"
+#include "run_server.hpp"
+
+namespace vorx::server {
+
+class Supervisor {
+ public:
+  Supervisor(ProcessTable &processes, ReportSink &reports) : processes_(processes), reports_(reports) {}
+
+  // Becomes the reaper of orphaned descendants, and lets an interrupt from
+  // the terminal reach the program only; a termination request is passed on
+  // to the program.
+  static void prepare();
+
+  // Runs until the collection has ended; returns the root's wait status.
+  int wait_for(pid_t root);
+
+ private:
+  void reap();
+  void notice_death(const ProcessInfo &p);
+  void say_who_is_awaited();
+
+  ProcessTable &processes_;
+  ReportSink &reports_;
+  pid_t root_ = 0;
+  int root_status_ = 0;
+  bool root_done_ = false;
+  bool waiting_said_ = false;
+};
+
+// The exit status a shell would show for a wait status: the code, or
+// 128 + signal.
+int shell_status(int wait_status);
+
+}  // namespace vorx::server

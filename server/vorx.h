@@ -1,0 +1,12 @@
+// The vorx program: one entry point per subcommand, each in a file of its own.
+#pragma once
+
+// `vorx run [options] -- <program> [args]`: runs a program under the collector.
+int command_run(int argc, char **argv);
+// `vorx report <dir> ...`: reads a results directory (the reader library).
+int command_report_dispatch(int argc, char **argv);
+
+namespace vorx {
+inline constexpr const char *kProgramName = "vorx";
+const char *version();
+}  // namespace vorx
