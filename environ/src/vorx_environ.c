@@ -40,9 +40,9 @@ static void *environ_dtor(void *object)
 static void environ_dump(const void *object, int fd)
 {
     const vorx_environ_object *env = object;
-    dprintf(fd, " [struct vorx_environ]: addr = %p\n", object);
+    vorx_object_printf(fd, " [struct vorx_environ]: addr = %p\n", object);
     for (const vorx_environ_variable *v = env->variables; v != NULL; v = v->next)
-        dprintf(fd, "  %s=%s\n", v->name, v->value);
+        vorx_object_printf(fd, "  %s=%s\n", v->name, v->value);
 }
 
 static const void *volatile g_environ_meta = NULL;

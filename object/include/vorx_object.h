@@ -105,6 +105,10 @@ vorx_size_t vorx_object_get_size(const void *object);
 /* The api of the object's method of that name, or null. */
 void *vorx_object_get_method(const void *object, const char *name);
 
+/* printf to a descriptor for dump implementations: formatted on the stack
+ * (at most 1023 bytes) and written at once, without stdio's buffers. */
+__attribute__((format(printf, 2, 3))) void vorx_object_printf(int fd, const char *format, ...);
+
 /* Publishes *slot = candidate unless another thread got there first; returns
  * the value that won (freeing the candidate when it lost). For class functions. */
 const void *vorx_class_publish(const void *volatile *slot, void *candidate);

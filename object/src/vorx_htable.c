@@ -63,7 +63,7 @@ static void htable_dump(const void *object, int fd)
     for (vorx_size_t i = 0; i < table->size; ++i) {
         const vorx_htable_bucket *b = &table->buckets[i];
         double ratio = b->node_count ? (double)b->live_count / b->node_count : 0.0;
-        dprintf(fd, "%zu,%zu,%zu,%.2f\n", (size_t)i, (size_t)b->live_count,
+        vorx_object_printf(fd, "%zu,%zu,%zu,%.2f\n", (size_t)i, (size_t)b->live_count,
                 (size_t)b->node_count, ratio);
     }
     vorx_mutex_unlock(&table->mutex);

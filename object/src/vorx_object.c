@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "sal.h"
 #include "vorx_log.h"
 #include "vorx_object.h"
 
@@ -17,6 +18,20 @@ _Static_assert(sizeof(void *) != 4 || CLASS_HEAD_SIZE == 20, "class head is 20 b
 _Static_assert(sizeof(void *) != 4 || sizeof(class_t) == 80, "vorx_meta_t objects are 80 bytes");
 
 static int g_dump_fd = 1;
+
+void vorx_object_printf(int fd, const char *format, ...)
+{
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    int length = vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    if (length <= 0 || fd < 0)
+        return;
+    vorx_size_t size = (vorx_size_t)length < sizeof(text) ? (vorx_size_t)length : sizeof(text) - 1;
+    vorx_ssize_t ignored = sal_write(fd, text, size);
+    (void)ignored;
+}
 
 /* ---- base implementations --------------------------------------------- */
 
@@ -57,7 +72,7 @@ static void *object_dtor(void *object)
 static void object_dump(const void *object, int fd)
 {
     const object_t *o = object;
-    dprintf(fd, " [%s]: addr = %p\n", o->klass->name, object);
+    vorx_object_printf(fd, " [%s]: addr = %p\n", o->klass->name, object);
 }
 
 static vorx_size_t slot_count_of(const class_t *klass)
@@ -115,11 +130,11 @@ static void *class_dtor(void *object)
 static void class_dump(const void *object, int fd)
 {
     const class_t *klass = object;
-    dprintf(fd, " [class %s]: addr = %p, size = %lu, super = %s\n", klass->name, object,
+    vorx_object_printf(fd, " [class %s]: addr = %p, size = %lu, super = %s\n", klass->name, object,
             klass->size, klass->super ? klass->super->name : "-");
     for (vorx_size_t i = 0; i < slot_count_of(klass); ++i)
         if (klass->methods[i].name)
-            dprintf(fd, "  %s\n", klass->methods[i].name);
+            vorx_object_printf(fd, "  %s\n", klass->methods[i].name);
 }
 
 /* ---- the two static classes --------------------------------------------- */

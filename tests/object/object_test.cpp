@@ -43,12 +43,12 @@ void *shape_dtor(void *object)
 
 void shape_dump(const void *object, int fd)
 {
-    dprintf(fd, "shape %d\n", static_cast<const shape *>(object)->size);
+    vorx_object_printf(fd, "shape %d\n", static_cast<const shape *>(object)->size);
 }
 
 void circle_dump(const void *object, int fd)
 {
-    dprintf(fd, "circle %d\n", static_cast<const shape *>(object)->size);
+    vorx_object_printf(fd, "circle %d\n", static_cast<const shape *>(object)->size);
 }
 
 const void *volatile g_shape_meta, *volatile g_shape_class, *volatile g_circle_class;
