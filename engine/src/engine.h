@@ -142,6 +142,7 @@ arch::Refusal probe_refusal(uint32_t routine_index, LEVEL_KELCLIENT::PROBE_MODE 
 using HookMaker = uintptr_t (*)(uintptr_t callable_original, void* context);
 uintptr_t install_probe(uint32_t routine_index, uintptr_t address, bool internal, HookMaker make_hook,
                         void* context, arch::Refusal* why);
+void build_branch_index(Image& image);  // once per image, under the client lock
 void disarm_all_probes();  // detach
 void* allocate_code(size_t size);
 

@@ -73,19 +73,8 @@ bool write_entry(uintptr_t address, const uint8_t* bytes, bool fresh) {
 
 bool fits_atomic_window(uintptr_t address) { return (address & 7) + arch::kPatchSize <= 8; }
 
-// Branch targets of the image's code, found once by a linear sweep of its executable sections.
 const std::vector<uintptr_t>& branch_targets(Image& image) {
-  if (!image.branch_index_built) {
-    for (uint32_t i = 0; i < image.section_count; ++i) {
-      const Section& s = tables().sections[image.first_section + i];
-      if (s.executable && s.address) arch::collect_branch_targets(s.address, s.size, &image.branch_targets);
-    }
-    std::sort(image.branch_targets.begin(), image.branch_targets.end());
-    image.branch_targets.erase(std::unique(image.branch_targets.begin(), image.branch_targets.end()),
-                               image.branch_targets.end());
-    image.branch_index_built = true;
-    log_line(3, "branch index of %s: %zu targets", image.name.c_str(), image.branch_targets.size());
-  }
+  if (!image.branch_index_built) build_branch_index(image);
   return image.branch_targets;
 }
 

@@ -1,5 +1,6 @@
 // The image model: symbol versions as the loader sees them, _init/_fini from the dynamic section of a
 // stripped library, both ELF classes, and routine lookup by versioned and plain names.
+#include <dlfcn.h>
 #include <elf.h>
 #include <gtest/gtest.h>
 
@@ -119,6 +120,44 @@ TEST(ImageModel, FindsVersionedRoutines) {
     executable_sections += SEC_IsExecutable(sec) && SEC_Name(sec) == ".text";
   EXPECT_EQ(executable_sections, 1);
   invalidate_image(id);
+}
+
+// The branch index read back from its cache equals the sweep's; a damaged cache file is rebuilt.
+TEST(BranchIndex, CacheGivesTheSweepsAnswer) {
+  char dir[] = "/tmp/kel-bti-XXXXXX";
+  ASSERT_TRUE(mkdtemp(dir));
+  setenv("KEL_CACHE_DIR", dir, 1);
+  auto build = [&](uintptr_t base) {
+    LEVEL_KELCLIENT::KEL_LockClient();
+    uint32_t id = create_image(KEL_STRIPPED_LIBRARY, base, false, false, nullptr);
+    Image& image = tables().images[id - 1];
+    build_branch_index(image);
+    std::vector<uintptr_t> offsets;
+    for (uintptr_t t : image.branch_targets) offsets.push_back(t - base);
+    invalidate_image(id);
+    LEVEL_KELCLIENT::KEL_UnlockClient();
+    return offsets;
+  };
+  // The library's code is read at its link addresses plus the base: map it where the model says.
+  ElfModel m;
+  std::string error;
+  ASSERT_TRUE(read_elf_file(KEL_STRIPPED_LIBRARY, &m, &error));
+  void* handle = dlopen(KEL_STRIPPED_LIBRARY, RTLD_NOW);
+  ASSERT_TRUE(handle);
+  Dl_info info{};
+  ASSERT_TRUE(dladdr(dlsym(handle, "plugin_sum"), &info));
+  uintptr_t base = reinterpret_cast<uintptr_t>(info.dli_fbase);
+  std::vector<uintptr_t> swept = build(base);
+  ASSERT_FALSE(swept.empty());
+  std::string command = std::string("ls ") + dir + "/*.bti > /dev/null";
+  ASSERT_EQ(system(command.c_str()), 0) << "no cache file written";
+  EXPECT_EQ(build(base), swept);  // from the cache
+  command = std::string("for f in ") + dir + "/*.bti; do printf garbage > $f; done";
+  ASSERT_EQ(system(command.c_str()), 0);
+  EXPECT_EQ(build(base), swept);  // rebuilt
+  unsetenv("KEL_CACHE_DIR");
+  command = std::string("rm -rf ") + dir;
+  ASSERT_EQ(system(command.c_str()), 0);
 }
 
 }  // namespace
