@@ -4,19 +4,22 @@
 // gate that finds libc and the thread library usable, before the application's
 // own code runs. In attach mode the engine's application-start callback takes
 // their place.
+#include <string.h>
 #include <unistd.h>
+
+#include <initializer_list>
+#include <string>
 
 #include "kel.h"
 #include "runtime_entries.h"
 #include "vorx_client.h"
 #include "vorx_config.h"
 #include "vorx_deepbind.h"
+#include "engine_callbacks.h"
 #include "vorx_init.h"
 #include "vorx_log.h"
 
 using namespace LEVEL_KELCLIENT;
-
-typedef void (*vorx_init_routine)(int argc, char **argv, char **envp);
 
 namespace {
 
@@ -257,5 +260,4 @@ extern "C" void vorx_on_probes_removed(void *) {
   g_instr_global.is_libdl_so_loaded = false;
   g_instr_global.exe_id = 0xFFFFFFFFu;
   g_instr_global.is_exe_initialized = false;
-  vorx_clear_installed_probes();
 }

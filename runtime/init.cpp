@@ -13,16 +13,18 @@
 #include "runtime_entries.h"
 #include "sal.h"
 #include "thread_manager.h"
-#include "tmu.h"
+#include "vorx_tmu.h"
 #include "trace_names.h"
 #include "vorx_client.h"
 #include "vorx_config.h"
+#include "engine_callbacks.h"
 #include "vorx_init.h"
 #include "vorx_log.h"
 #include "vorx_timesource.h"
 #include "workspace.h"
 #include "writer.h"
-#include "module_loading.h"
+#include "module_map.h"
+#include "vorx_probe_table.h"
 
 using namespace LEVEL_KELCLIENT;
 
@@ -223,7 +225,7 @@ extern "C" void main_on_reattach_callback(void *arg) {
 
 // ---------------------------------------------------------------- executable
 
-extern "C" IMG vorx_exe_img(void) {
+IMG vorx_exe_img() {
   IMG img(static_cast<INT32>(g_instr_global.exe_img));
   if (!IMG_Valid(img)) {
     img = IMG_FindImgById(g_instr_global.exe_id);
