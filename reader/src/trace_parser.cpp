@@ -180,8 +180,8 @@ void TraceParser::print_summary(const Stats &stats) const
     std::fprintf(o, "time span: no time stamps\n");
   }
   for (StatSource src : {StatSource::Recording, StatSource::Import}) {
-    std::fprintf(o, "%s: %s\n", src == StatSource::Recording ? "lost while recording" : "import problems",
-                 stats.any(src) ? "" : "none");
+    std::fprintf(o, "%s:%s\n", src == StatSource::Recording ? "lost while recording" : "import problems",
+                 stats.any(src) ? "" : " none");
     for (unsigned i = 0; i < kStatInfo.size(); i++) {
       const StatInfo &s = kStatInfo[i];
       std::uint64_t v = stats.get(Stat(i));

@@ -126,7 +126,7 @@ bool TraceTokenizer::drain(bool at_end)
     if (f.status == FrameStatus::NeedMore) {
       if (at_end)
         problem(Stat::truncated_records,
-                "truncated record (needs " + std::to_string(f.length) + " bytes, the file has " +
+                "truncated record (needs at least " + std::to_string(f.length) + " bytes, the file has " +
                     std::to_string(in.size()) + " left)",
                 here);
       return !at_end;

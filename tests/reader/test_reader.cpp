@@ -1,0 +1,228 @@
+#include "trace_builder.hpp"
+
+#include "trace_parser.hpp"
+#include "vorx_report.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+using namespace vorx::report;
+
+namespace {
+
+struct Lines : TraceSink {
+  std::vector<std::string> records, problems;
+  std::string stream_name;
+  bool with_place = true;
+  void on_record(const Record &r, const Location &where) override
+  {
+    std::string line = format_record(r, where);
+    records.push_back(with_place ? line : line.substr(line.find(' ') + 1));
+  }
+  void on_problem(Stat, const std::string &m) override { problems.push_back(m); }
+  void on_stream_name(std::string_view n) override { stream_name = n; }
+};
+
+// Feeds the bytes in chunks of chunk bytes (0: all at once).
+Lines tokenize(const std::vector<std::uint8_t> &bytes, std::size_t chunk = 0, Stats *stats_out = nullptr,
+               bool with_place = true)
+{
+  Lines l;
+  l.with_place = with_place;
+  Stats stats;
+  TraceTokenizer tok("t.trace", l, stats);
+  if (chunk == 0) chunk = bytes.size() ? bytes.size() : 1;
+  for (std::size_t at = 0; at < bytes.size(); at += chunk)
+    tok.feed(Bytes(bytes.data() + at, std::min(chunk, bytes.size() - at)));
+  tok.finish();
+  if (stats_out) *stats_out = stats;
+  return l;
+}
+
+TraceBuilder sample_trace()
+{
+  TraceBuilder b;
+  b.hardcfg(1000000000)
+      .process(100, TF_EC_BEGIN, 1000, "app")
+      .thread(101, TF_EC_BEGIN, 1500)
+      .sample(101, 2000)
+      .thread_name(101, 2500, "worker")
+      .thread(101, TF_EC_END, 3000)
+      .process(100, TF_EC_END, 4000, "app");
+  return b;
+}
+
+struct TempDir {
+  std::string path;
+  TempDir()
+  {
+    char tmpl[] = "/tmp/vorx_report_XXXXXX";
+    path = mkdtemp(tmpl);
+  }
+  ~TempDir() { std::system(("rm -rf " + path).c_str()); }
+  std::string write(const char *name, const std::vector<std::uint8_t> &bytes) const
+  {
+    std::string p = path + "/" + name;
+    std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
+    return p;
+  }
+};
+
+// Runs command_report with stdout captured.
+std::string run_report(std::vector<std::string> args, int *status)
+{
+  std::fflush(stdout);
+  std::FILE *tmp = std::tmpfile();
+  int saved = dup(1);
+  dup2(fileno(tmp), 1);
+  args.insert(args.begin(), "report");
+  std::vector<char *> argv;
+  for (std::string &a : args) argv.push_back(a.data());
+  *status = command_report(int(argv.size()), argv.data());
+  std::fflush(stdout);
+  dup2(saved, 1);
+  close(saved);
+  std::rewind(tmp);
+  std::string out;
+  char buf[4096];
+  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, tmp)) > 0;) out.append(buf, n);
+  std::fclose(tmp);
+  return out;
+}
+
+} // namespace
+
+TEST(Tokenizer, AnyChunkBoundaryGivesTheSameRecords)
+{
+  std::vector<std::uint8_t> bytes = sample_trace().bytes();
+  Lines whole = tokenize(bytes);
+  EXPECT_TRUE(whole.problems.empty());
+  ASSERT_EQ(whole.records.size(), 8u);
+  for (std::size_t chunk : {1u, 3u, 7u, 64u}) EXPECT_EQ(tokenize(bytes, chunk).records, whole.records) << chunk;
+}
+
+TEST(Tokenizer, DumpLinesAreStable)
+{
+  Lines l = tokenize(sample_trace().bytes());
+  ASSERT_EQ(l.records.size(), 8u);
+  EXPECT_EQ(l.records[0], "@0 magic desc=0x08000000 word=2917064442");
+  EXPECT_EQ(l.records[2], "@52 process desc=0x02400017 event_class=4096 tid=100 aux_id=0 timestamp=1000 size=7 type=0 name=\"app\"");
+  EXPECT_EQ(l.records[4], "@115 cpu_sample desc=0x02000617 event_class=4 tid=101 aux_id=0 timestamp=2000 period=1000 last=3 reserved=0");
+  EXPECT_EQ(l.records[5], "@155 apiwrap_v1 desc=0x03000017 function=__internal_thread_name event_class=64 tid=101 aux_id=0 "
+                          "end_time=2500 size=30 type=7 begin_time=2500 stack_word=0 function_id=286 version=1 arg0=\"worker\"");
+}
+
+TEST(Tokenizer, CompressedBlocksAreInflatedTransparently)
+{
+  Lines plain = tokenize(sample_trace().bytes(), 0, nullptr, false);
+  TraceBuilder z = sample_trace();
+  z.compress();
+  Lines inflated = tokenize(z.bytes(), 5, nullptr, false);
+  EXPECT_TRUE(inflated.problems.empty());
+  EXPECT_EQ(inflated.records, plain.records);
+  EXPECT_EQ(tokenize(z.bytes()).records[1].substr(0, 5), "@8+0 ");
+}
+
+TEST(Tokenizer, RemoteStreamsBeginWithTheirName)
+{
+  std::vector<std::uint8_t> bytes = {'h', 'o', 's', 't', '/', 0xC3, 0xA9, 0};
+  const TraceBuilder trace = sample_trace();
+  const auto &t = trace.bytes();
+  bytes.insert(bytes.end(), t.begin(), t.end());
+  Lines l = tokenize(bytes, 3);
+  EXPECT_EQ(l.stream_name, "host/\xC3\xA9");
+  EXPECT_TRUE(l.problems.empty());
+  EXPECT_EQ(l.records.size(), 8u);
+  EXPECT_EQ(l.records[0].substr(0, 3), "@8 ");
+}
+
+TEST(Tokenizer, TruncatedFileNamesTheOffsetAndKeepsWhatItRead)
+{
+  std::vector<std::uint8_t> bytes = sample_trace().bytes();
+  bytes.resize(bytes.size() - 10); // the last process record loses its tail
+  Stats stats;
+  Lines l = tokenize(bytes, 100, &stats);
+  EXPECT_EQ(l.records.size(), 7u);
+  ASSERT_EQ(l.problems.size(), 1u);
+  EXPECT_EQ(l.problems[0], "t.trace: truncated record (needs at least 28 bytes, the file has 21 left) at byte offset " +
+                               std::to_string(bytes.size() - 21));
+  EXPECT_EQ(stats.get(Stat::truncated_records), 1u);
+}
+
+TEST(Tokenizer, CorruptRecordsStopTheFileWithTheirOffset)
+{
+  TraceBuilder b = sample_trace();
+  std::size_t at = b.bytes().size();
+  b.raw({0x40, 0, 0, 0, 0, 0, 0, 0});
+  b.sample(1, 1);
+  Stats stats;
+  Lines l = tokenize(b.bytes(), 0, &stats);
+  EXPECT_EQ(l.records.size(), 8u);
+  ASSERT_EQ(l.problems.size(), 1u);
+  EXPECT_EQ(l.problems[0], "t.trace: corrupt record: unknown record descriptor 0x40 at byte offset " + std::to_string(at));
+  EXPECT_EQ(stats.get(Stat::corrupt_records), 1u);
+
+  std::vector<std::uint8_t> nomagic = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+  l = tokenize(nomagic, 0, &stats);
+  EXPECT_EQ(stats.get(Stat::missing_magic), 1u);
+}
+
+TEST(Tokenizer, BrokenCompressedBlockIsReportedAndSkipped)
+{
+  TraceBuilder b = sample_trace();
+  b.compress();
+  std::vector<std::uint8_t> bytes = b.bytes();
+  bytes[30] ^= 0xFF;
+  TraceBuilder more;
+  const auto &tail = more.sample(7, 7).bytes();
+  bytes.insert(bytes.end(), tail.begin() + 8, tail.end());
+  Stats stats;
+  Lines l = tokenize(bytes, 0, &stats);
+  EXPECT_EQ(stats.get(Stat::corrupt_compressed_blocks), 1u);
+  ASSERT_FALSE(l.records.empty());
+  EXPECT_NE(l.records.back().find("tid=7"), std::string::npos); // the stream goes on behind the block
+}
+
+TEST(ReportCommand, SummaryOfAResultsDirectory)
+{
+  TempDir dir;
+  TraceBuilder z = sample_trace();
+  z.compress();
+  dir.write("1-100.0.trace", z.bytes());
+  dir.write("1-100.1.th", TraceBuilder().thread(102, TF_EC_BEGIN, 5000).sample(102, 9000).bytes());
+  dir.write("1-100.0.log", {'x'});
+  int status = -1;
+  std::string out = run_report({dir.path, "--no-progress"}, &status);
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(out.find("files: 2"), std::string::npos) << out;
+  EXPECT_NE(out.find("records: 11"), std::string::npos) << out;
+  EXPECT_NE(out.find("  100 app\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("  101 worker: 4 records\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("  102: 2 records (no end record)\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("  cpu_sample           2\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("time span: 1000 .. 9000 (8000 counts, 0.000008 s at 1000000000 Hz)"), std::string::npos) << out;
+  EXPECT_NE(out.find("threads_without_end          1"), std::string::npos) << out;
+  EXPECT_NE(out.find("import problems: none"), std::string::npos) << out;
+}
+
+TEST(ReportCommand, DumpAndErrors)
+{
+  TempDir dir;
+  std::vector<std::uint8_t> bytes = sample_trace().bytes();
+  bytes.resize(bytes.size() - 1);
+  std::string path = dir.write("cut.trace", bytes);
+  int status = -1;
+  std::string out = run_report({path, "--dump"}, &status);
+  EXPECT_EQ(status, 1); // an import problem
+  EXPECT_EQ(out.find("== " + path + "\n@0 magic"), 0u) << out;
+  EXPECT_NE(out.find("@115 cpu_sample"), std::string::npos);
+
+  EXPECT_EQ(run_report({dir.path + "/missing"}, &status), "");
+  EXPECT_EQ(status, 2);
+  run_report({"--bogus"}, &status);
+  EXPECT_EQ(status, 2);
+}
