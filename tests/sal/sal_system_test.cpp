@@ -1,5 +1,6 @@
 // The system layer against the real kernel, and its parsers against crafted input.
 #include <fcntl.h>
+#include <sched.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -688,4 +689,45 @@ TEST(SalAssert, LibrariesGetTheirOwnRoutineAndTheTextStaysBounded)
     EXPECT_TRUE(child.killed_by(SIGABRT));
     EXPECT_LE(child.err.size(), static_cast<size_t>(SAL_ASSERT_TEXT_SIZE - 1));
     EXPECT_NE(child.err.find("Assertion '1 == 2' failed."), std::string::npos);
+}
+
+// ---- moving between processors -----------------------------------------------------
+
+namespace {
+
+struct Visits {
+    std::vector<vorx_u32_t> ids;
+    std::vector<vorx_u32_t> steps;
+};
+
+void record_visit(vorx_u32_t processor_id, vorx_u32_t step, void *data)
+{
+    auto *visits = static_cast<Visits *>(data);
+    visits->ids.push_back(processor_id);
+    visits->steps.push_back(step);
+}
+
+} // namespace
+
+TEST(SalTraverseCpus, VisitsEachProcessorOnceAndRestoresTheAffinity)
+{
+    if (sal_get_cpu_number() >= 32)
+        GTEST_SKIP() << "the walk covers machines of fewer than 32 processors";
+    cpu_set_t before;
+    ASSERT_EQ(sched_getaffinity(0, sizeof(before), &before), 0);
+    if (CPU_COUNT(&before) != static_cast<int>(sal_get_cpu_number()))
+        GTEST_SKIP() << "this process may not run on every processor";
+
+    Visits visits;
+    vorx_u32_t calls = sal_traverse_cpus(record_visit, &visits);
+    EXPECT_EQ(calls, sal_get_cpu_number());
+    ASSERT_EQ(visits.ids.size(), calls);
+    for (vorx_u32_t i = 0; i < calls; ++i)
+        EXPECT_EQ(visits.steps[i], i);
+    for (size_t i = 1; i < visits.ids.size(); ++i)
+        EXPECT_NE(visits.ids[i], visits.ids[i - 1]) << "each step waited for the migration";
+
+    cpu_set_t after;
+    ASSERT_EQ(sched_getaffinity(0, sizeof(after), &after), 0);
+    EXPECT_TRUE(CPU_EQUAL(&before, &after));
 }
