@@ -43,15 +43,11 @@ void Supervisor::prepare() {
 }
 
 void Supervisor::notice_death(const ProcessInfo &p) {
-  std::string who = p.name.empty() ? "" : " (" + p.name + ")";
-  if (p.exit_signal && p.pid != root_) {
-    reports_.report(p.pid, p.name, "warning", "process " + std::to_string(p.pid) + who + " was " +
-                                                   describe_exit(p) + "; its collection is cut short");
-  } else if (p.ready && !p.ended && !p.exit_signal) {
-    reports_.report(p.pid, p.name, "warning",
-                    "process " + std::to_string(p.pid) + who + " " + describe_exit(p) +
-                        " without closing its collection");
-  }
+  std::string who = p.pid == root_ ? "the program " : "the process ";
+  if (p.exit_signal)
+    reports_.report(p.pid, p.name, "warning", who + "was " + describe_exit(p) + "; its collection is cut short");
+  else if (p.ready && !p.ended)
+    reports_.report(p.pid, p.name, "warning", who + describe_exit(p) + " without closing its collection");
 }
 
 void Supervisor::reap() {
@@ -65,9 +61,7 @@ void Supervisor::reap() {
     if (auto p = processes_.on_exit(pid, status)) notice_death(*p);
   }
   for (const ProcessInfo &p : processes_.sweep(alive))
-    reports_.report(p.pid, p.name, "warning",
-                    "process " + std::to_string(p.pid) + (p.name.empty() ? "" : " (" + p.name + ")") +
-                        " is gone without closing its collection");
+    reports_.report(p.pid, p.name, "warning", "the process is gone without closing its collection");
 }
 
 void Supervisor::say_who_is_awaited() {
