@@ -15,8 +15,6 @@ void vorx_fini_crash_signal_handler(void) {}
 void vorx_init_cancel_signal_handler(void) {}
 void vorx_fini_cancel_signal_handler(void) {}
 
-void vorx_init_detach_complete(void) {}
-void vorx_reset_detach_complete(void) {}
 
 void vorx_init_jit_support(void) {}
 void vorx_init_projection_manager(void) {}
