@@ -11,7 +11,7 @@ cmake --build "$build" -j "$jobs"
 
 results=$(mktemp -d "${TMPDIR:-/tmp}/vorx-demo-XXXXXX")
 echo "== vorx run -c threading,io,memory -- examples/contention"
-"$build/bin/vorx" run -c threading,io,memory -d "$results" -- "$build/bin/contention"
+"$build/bin/vorx" run -c threading,io,memory -r "$results" -- "$build/bin/contention"
 echo
 echo "== vorx report $results"
 "$build/bin/vorx" report "$results"
