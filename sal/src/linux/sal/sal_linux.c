@@ -31,6 +31,10 @@ void sal_safe_init(void)
 {
     g_page_size = (vorx_size_t)sysconf(_SC_PAGESIZE);
     g_cpu_count = (vorx_u32_t)sysconf(_SC_NPROCESSORS_ONLN);
+#if defined(__i386__)
+    /* Threads made later with a raw clone must not need the C library. */
+    sal_find_kernel_entry();
+#endif
 }
 
 vorx_er_t sal_init(void)
