@@ -62,6 +62,11 @@ struct StubSlot {
 constexpr size_t kMaxStubSize = 256;
 size_t build_signature_stub(const std::vector<StubSlot>& plan, uintptr_t replacement, uint8_t* out);
 
+// Stub that calls `function(argument)` and jumps to the address it returns, the caller's arguments and
+// return address untouched: a callable whose destination is decided at its first call.
+constexpr size_t kLazyJumpSize = 32;
+size_t build_lazy_jump_stub(uintptr_t function, uint32_t argument, uint8_t* out);
+
 // An indirect jump through `slot` (an absolute address): the body of a probe's dispatch cell.
 constexpr size_t kDispatchSize = 6;
 void encode_dispatch(uintptr_t slot, uint8_t out[kDispatchSize]);

@@ -84,11 +84,15 @@ bool branch_lands_inside_patch(Image& image, uintptr_t address) {
   return it != targets.end() && *it < address + arch::kPatchSize;
 }
 
+bool resolver_may_run(const Routine& r) {
+  const Image& image = tables().images[r.image - 1];
+  return image.relocated && !image.in_load_event;
+}
+
 // Where a call of the routine really goes: the implementation an IFUNC resolver picks, once it may be asked.
 uintptr_t effective_address(const Routine& r, arch::Refusal* why) {
   if (!r.ifunc) return r.address;
-  const Image& image = tables().images[r.image - 1];
-  if (!image.relocated || image.in_load_event) {
+  if (!resolver_may_run(r)) {
     if (why) *why = arch::refusal_ifunc_unresolved;
     return 0;
   }
@@ -119,6 +123,102 @@ uintptr_t routine_limit(const Routine& r, uintptr_t address) {
 
 }  // namespace
 
+// An IFUNC met before its resolver may run (its module is not relocated yet). Its probe is deferred: the
+// resolver gets an engine hook, and when the loader calls it the implementation it picks is probed. The tool
+// is handed a lazy stub that goes to the implementation's trampoline (resolving first if need be).
+struct DeferredIfunc {
+  uint32_t routine = 0;
+  uintptr_t resolver_callable = 0;  // the resolver, or its trampoline once hooked
+  uintptr_t replacement = 0;        // the tool's, 0 when only a callable was asked for
+  uintptr_t implementation = 0;
+  uintptr_t callable = 0;           // runs the implementation unchanged
+  uintptr_t lazy_stub = 0;
+};
+
+namespace {
+std::map<uint32_t, DeferredIfunc*>& deferred_ifuncs() {
+  static auto* instance = new std::map<uint32_t, DeferredIfunc*>;
+  return *instance;
+}
+}  // namespace
+
+}  // namespace kel
+
+extern "C" __attribute__((visibility("default"))) uintptr_t kel_ifunc_resolved(kel::DeferredIfunc* d) {
+  using namespace kel;
+  uintptr_t implementation = reinterpret_cast<uintptr_t (*)()>(d->resolver_callable)();
+  if (d->callable) return implementation;
+  LEVEL_KELCLIENT::KEL_LockClient();
+  if (!d->callable) {
+    d->implementation = implementation;
+    uintptr_t callable = implementation;
+    if (d->replacement) {
+      arch::Refusal why = arch::refusal_outside_code;
+      Image* image = image_containing(implementation);
+      Routine& r = tables().routines[d->routine - 1];
+      if (image) why = entry_refusal(*image, implementation, routine_limit(r, implementation));
+      uintptr_t trampoline = 0;
+      if (why == arch::refusal_none) {
+        auto as_is = [](uintptr_t, void* replacement) { return reinterpret_cast<uintptr_t>(replacement); };
+        trampoline = install_probe(d->routine, implementation, false, as_is, reinterpret_cast<void*>(d->replacement),
+                                   &why);
+      }
+      if (trampoline) callable = trampoline;
+      else log_line(1, "probe of %s's implementation refused: %s", r.name.c_str(), arch::refusal_name(why));
+    }
+    __atomic_store_n(&d->callable, callable, __ATOMIC_RELEASE);
+  }
+  LEVEL_KELCLIENT::KEL_UnlockClient();
+  return implementation;
+}
+
+extern "C" __attribute__((visibility("default"))) uintptr_t kel_ifunc_callable(kel::DeferredIfunc* d) {
+  if (!__atomic_load_n(&d->callable, __ATOMIC_ACQUIRE)) kel_ifunc_resolved(d);
+  return d->callable;
+}
+
+namespace kel {
+
+DeferredIfunc* deferred_ifunc(uint32_t routine_index) {
+  auto found = deferred_ifuncs().find(routine_index);
+  if (found != deferred_ifuncs().end()) return found->second;
+  auto* d = new DeferredIfunc;
+  d->routine = routine_index;
+  d->resolver_callable = tables().routines[routine_index - 1].address;
+  auto* stub = static_cast<uint8_t*>(allocate_code(arch::kLazyJumpSize));
+  arch::build_lazy_jump_stub(reinterpret_cast<uintptr_t>(&kel_ifunc_callable), reinterpret_cast<uint32_t>(d), stub);
+  d->lazy_stub = reinterpret_cast<uintptr_t>(stub);
+  deferred_ifuncs().emplace(routine_index, d);
+  return d;
+}
+
+namespace {
+uintptr_t resolver_hook(uintptr_t resolver_callable, void* context) {
+  auto* d = static_cast<DeferredIfunc*>(context);
+  d->resolver_callable = resolver_callable;
+  std::vector<arch::StubSlot> plan = {{arch::StubSlot::constant, reinterpret_cast<uint32_t>(d)}};
+  auto* stub = static_cast<uint8_t*>(allocate_code(arch::kMaxStubSize));
+  if (!stub || !arch::build_signature_stub(plan, reinterpret_cast<uintptr_t>(&kel_ifunc_resolved), stub)) return 0;
+  return reinterpret_cast<uintptr_t>(stub);
+}
+}  // namespace
+
+// Defers the probe of an IFUNC routine to its resolution; returns the lazy callable or 0.
+uintptr_t defer_ifunc_probe(uint32_t routine_index, uintptr_t replacement, arch::Refusal* why) {
+  Routine& r = tables().routines[routine_index - 1];
+  DeferredIfunc* d = deferred_ifunc(routine_index);
+  if (d->replacement || d->callable) {
+    *why = d->replacement ? arch::refusal_already_probed : arch::refusal_ifunc_unresolved;
+    return 0;
+  }
+  d->replacement = replacement;
+  if (!install_probe(routine_index, r.address, true, resolver_hook, d, why)) {
+    d->replacement = 0;
+    return 0;
+  }
+  return d->lazy_stub;
+}
+
 void* allocate_code(size_t size) {
   size = (size + 15) & ~static_cast<size_t>(15);
   if (g_arena.left < size) {
@@ -139,6 +239,16 @@ arch::Refusal probe_refusal(uint32_t routine_index, LEVEL_KELCLIENT::PROBE_MODE,
   Image& image = tables().images[r.image - 1];
   arch::Refusal why = arch::refusal_none;
   uintptr_t address = effective_address(r, &why);
+  if (!address && why == arch::refusal_ifunc_unresolved) {
+    // Deferred to the resolver: its own entry takes the engine's hook.
+    auto found = deferred_ifuncs().find(routine_index);
+    if (found != deferred_ifuncs().end() && (found->second->replacement || found->second->callable))
+      return found->second->replacement ? arch::refusal_already_probed : arch::refusal_ifunc_unresolved;
+    if (probes().count(r.address)) return arch::refusal_ifunc_unresolved;
+    if (address_out) *address_out = 0;
+    arch::Refusal resolver = entry_refusal(image, r.address, r.address + r.size);
+    return resolver == arch::refusal_none ? arch::refusal_none : arch::refusal_ifunc_unresolved;
+  }
   if (!address) return why;
   if (address_out) *address_out = address;
   auto found = probes().find(address);
@@ -250,7 +360,12 @@ AFUNPTR replace(RTN rtn, PROBE_MODE mode, kel::HookMaker make_hook, void* contex
   uintptr_t address = 0;
   kel::arch::Refusal why = kel::probe_refusal(index, mode, &address);
   uintptr_t callable = 0;
-  if (why == kel::arch::refusal_none) callable = kel::install_probe(index, address, false, make_hook, context, &why);
+  if (why == kel::arch::refusal_none && address == 0)  // an IFUNC not resolvable yet
+    callable = make_hook == use_replacement_as_is
+                   ? kel::defer_ifunc_probe(index, reinterpret_cast<uintptr_t>(context), &why)
+                   : 0;
+  else if (why == kel::arch::refusal_none)
+    callable = kel::install_probe(index, address, false, make_hook, context, &why);
   KEL_UnlockClient();
   if (!callable)
     kel::log_line(1, "probe of %s refused: %s", RTN_Name(rtn).c_str(), kel::arch::refusal_name(why));
@@ -261,8 +376,17 @@ AFUNPTR replace(RTN rtn, PROBE_MODE mode, kel::HookMaker make_hook, void* contex
 AFUNPTR RTN_Funptr(RTN rtn) {
   kel::Routine* r = routine_of(rtn);
   if (!r) return nullptr;
-  uintptr_t address = kel::effective_address(*r, nullptr);
-  return reinterpret_cast<AFUNPTR>(address ? address : r->address);
+  if (r->ifunc) {
+    KEL_LockClient();
+    auto found = kel::deferred_ifuncs().find(static_cast<uint32_t>(rtn.q()));
+    uintptr_t address = 0;
+    if (found != kel::deferred_ifuncs().end()) address = found->second->lazy_stub;
+    else if (!kel::resolver_may_run(*r)) address = kel::deferred_ifunc(static_cast<uint32_t>(rtn.q()))->lazy_stub;
+    else address = kel::effective_address(*r, nullptr);
+    KEL_UnlockClient();
+    return reinterpret_cast<AFUNPTR>(address);
+  }
+  return reinterpret_cast<AFUNPTR>(r->address);
 }
 
 BOOL RTN_IsSafeForProbedReplacement(RTN rtn) { return RTN_IsSafeForProbedReplacementEx(rtn, PROBE_MODE_DEFAULT); }

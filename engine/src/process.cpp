@@ -299,7 +299,12 @@ string CHILD_PROCESS_GetProgram(CHILD_PROCESS child) { return child && child->pa
 
 // Every probe of the tool is disarmed (its entry restored where that can be done atomically, otherwise sent
 // straight to its trampoline), then the detach callbacks run and all registrations are forgotten.
+// No heap is touched: the caller may be a raw clone thread sharing another thread's TLS (and with it the
+// engine library's allocator caches). The lists are cleared, keeping their storage for the next attach.
 VOID KEL_DetachProbed() {
+  constexpr size_t kMaxDetachCallbacks = 64;
+  kel::Registration<DETACH_PROBE_CALLBACK> detach[kMaxDetachCallbacks];
+  size_t detach_count = 0;
   KEL_LockClient();
   if (kel::g_detached) {
     KEL_UnlockClient();
@@ -307,12 +312,15 @@ VOID KEL_DetachProbed() {
   }
   kel::disarm_all_probes();
   kel::g_detached = true;
-  auto detach = callbacks().detach;
-  auto thread_detach = callbacks().thread_detach;
-  *&callbacks() = kel::Callbacks{};
+  kel::Callbacks& c = callbacks();
+  for (auto& r : c.detach)
+    if (detach_count < kMaxDetachCallbacks) detach[detach_count++] = r;
+  c.image_load.clear(), c.image_unload.clear(), c.follow_child.clear(), c.detach.clear();
+  c.application_start.clear(), c.thread_attach.clear(), c.thread_detach.clear();
+  for (auto& list : c.fork) list.clear();
   KEL_UnlockClient();
-  for (auto& r : detach) r.fn(r.arg);
-  kel::log_line(1, "detached: %zu detach callbacks run", detach.size());
+  for (size_t i = 0; i < detach_count; ++i) detach[i].fn(detach[i].arg);
+  kel::log_line(1, "detached: %zu detach callbacks run", detach_count);
 }
 
 ATTACH_STATUS KEL_AttachProbed(ATTACH_PROBED_CALLBACK callback, VOID* arg) {

@@ -267,6 +267,30 @@ size_t build_signature_stub(const std::vector<StubSlot>& plan, uintptr_t replace
   return n;
 }
 
+//     55                 push %ebp
+//     89 e5              mov %esp, %ebp
+//     83 e4 f0           and $-16, %esp
+//     83 ec 0c           sub $12, %esp
+//     68 AA AA AA AA     push $argument           %esp is 16-aligned at the call
+//     b8 FF FF FF FF     mov $function, %eax
+//     ff d0              call *%eax
+//     c9                 leave                    back to the caller's frame, arguments in place
+//     ff e0              jmp *%eax
+size_t build_lazy_jump_stub(uintptr_t function, uint32_t argument, uint8_t* out) {
+  const uint8_t head[] = {0x55, 0x89, 0xe5, 0x83, 0xe4, 0xf0, 0x83, 0xec, 0x0c, 0x68};
+  size_t n = 0;
+  memcpy(out, head, sizeof head);
+  n += sizeof head;
+  put32(out + n, argument);
+  n += 4;
+  out[n++] = 0xb8;
+  put32(out + n, static_cast<uint32_t>(function));
+  n += 4;
+  const uint8_t tail[] = {0xff, 0xd0, 0xc9, 0xff, 0xe0};
+  memcpy(out + n, tail, sizeof tail);
+  return n + sizeof tail;
+}
+
 void encode_dispatch(uintptr_t slot, uint8_t out[kDispatchSize]) {
   out[0] = 0xff;  // jmp *slot
   out[1] = 0x25;
