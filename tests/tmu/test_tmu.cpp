@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <mutex>
 #include <thread>
 
 using vorx::report::ld16;
@@ -290,4 +291,75 @@ TEST_F(Units, RingOfTwoWithDurationZeroReusesAfterASecond)
   EXPECT_EQ(c.samples.front().second, per_buffer);
   EXPECT_EQ(c.samples.back().second, seq - 1);
   EXPECT_EQ(c.samples.size(), seq - per_buffer);
+}
+
+// ---------------------------------------------------------------- channels
+
+namespace {
+
+struct Received {
+  std::mutex lock;
+  std::string stream_name;
+  std::vector<std::uint8_t> bytes;
+  bool done = false;
+};
+
+// Reads the whole stream on the loop's thread; the writer closing the channel ends it.
+int receive_stream(comm_client *client, const char *name, void *context)
+{
+  auto *r = static_cast<Received *>(context);
+  std::vector<std::uint8_t> all;
+  for (;;) {
+    sal_allocator alloc = SAL_ALLOCATOR_INITIALIZER(sal_allocator_type_heap);
+    void *frame = nullptr;
+    vorx_u32_t len = 0;
+    if (comm_client_recv(client, &frame, &len, &alloc) != vorx_er_success) break;
+    const auto *b = static_cast<const std::uint8_t *>(frame);
+    all.insert(all.end(), b, b + len);
+    sal_allocator_destroy(&alloc);
+  }
+  std::lock_guard<std::mutex> g(r->lock);
+  r->stream_name = name;
+  r->bytes = std::move(all);
+  r->done = true;
+  return 0;
+}
+
+} // namespace
+
+TEST_F(Units, NamedStreamsTravelOverAChannel)
+{
+  vorx_tmu_comm_reader_t reader;
+  vorx_tmu_comm_reader_init(&reader);
+  Received got;
+  std::string domain = "vorx_tmu_test_" + std::to_string(getpid()) + "_";
+  std::thread loop([&] { EXPECT_EQ(vorx_tmu_comm_reader_loop(&reader, receive_stream, &got, domain.c_str(), 7), 1); });
+  while (!__atomic_load_n(&reader.running, __ATOMIC_ACQUIRE)) usleep(1000);
+
+  vorx_tmu_t *u = creator_->alloc_remote(creator_, vorx_tmu_per_process, "host-1/1-2.0.trace", domain.c_str(), 7);
+  ASSERT_NE(u, nullptr);
+  for (std::uint64_t i = 0; i < kThreeMiBOfRecords; i++) put_sample(u, 9, i);
+  creator_->free_unit(creator_, u);
+  for (int i = 0; i < 500; i++) {
+    std::lock_guard<std::mutex> g(got.lock);
+    if (got.done) break;
+    usleep(10000);
+  }
+  EXPECT_EQ(vorx_tmu_comm_reader_loop_break(&reader), 1);
+  loop.join();
+  EXPECT_EQ(vorx_tmu_comm_reader_loop_break(&reader), 0);
+
+  ASSERT_TRUE(got.done);
+  EXPECT_EQ(got.stream_name, "host-1/1-2.0.trace");
+  // Stored as the reader expects a remote stream: the name and its NUL, then the stream.
+  std::string path = dir_.file("remote.trace");
+  std::vector<std::uint8_t> file(got.stream_name.begin(), got.stream_name.end());
+  file.push_back(0);
+  file.insert(file.end(), got.bytes.begin(), got.bytes.end());
+  std::FILE *f = std::fopen(path.c_str(), "wb");
+  std::fwrite(file.data(), 1, file.size(), f);
+  std::fclose(f);
+  Collected c = read_trace(path);
+  EXPECT_TRUE(c.problems.empty());
+  expect_sequence(c, 9, 0, kThreeMiBOfRecords);
 }

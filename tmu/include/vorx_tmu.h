@@ -150,6 +150,35 @@ void vorx_tmu_creator_set_expected_compressors(vorx_tmu_creator_t *c, vorx_u32_t
 void vorx_tmu_creator_set_write_record_callbacks(vorx_tmu_creator_t *c, vorx_tmu_length_cb length,
                                                  vorx_tmu_encode_cb encode);
 
+/* ------------------------------------------------------------------ reading channels */
+
+#include "vorx_comm.h"
+
+/* The receiving side of comm units: accepts writers on a channel and hands each, with its
+ * stream name, to a callback that reads the stream. */
+typedef struct vorx_tmu_comm_reader {
+  volatile int flag;    /* spin flag around setting up the server */
+  volatile int running; /* the loop goes on while set */
+  int established;
+  char *domain;
+  vorx_u32_t port;
+  comm_server server;
+} vorx_tmu_comm_reader_t;
+
+/* Returns non-zero when it keeps the client (and destroys it later itself). */
+typedef int (*vorx_tmu_comm_reader_cb)(comm_client *client, const char *stream_name, void *context);
+
+void vorx_tmu_comm_reader_init(vorx_tmu_comm_reader_t *reader);
+/* Serves the channel (domain and port, as the writers name it) until
+ * vorx_tmu_comm_reader_loop_break; 0 when the channel can't be set up. */
+int vorx_tmu_comm_reader_loop(vorx_tmu_comm_reader_t *reader, vorx_tmu_comm_reader_cb callback, void *context,
+                              const char *domain, vorx_u32_t port);
+/* 1 if it stopped a running loop. */
+int vorx_tmu_comm_reader_loop_break(vorx_tmu_comm_reader_t *reader);
+
+/* A channel writer that sends the stream name, with its NUL, as its first message. */
+vorx_tmu_writer_t *vorx_tmu_comm_writer_create_named(const char *stream_name, const char *domain, vorx_u32_t port);
+
 #ifdef __cplusplus
 }
 #endif

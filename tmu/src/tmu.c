@@ -633,9 +633,9 @@ static vorx_tmu_t *creator_alloc_comm(vorx_tmu_creator_t *c, vorx_u32_t type, co
 static vorx_tmu_t *creator_alloc_remote(vorx_tmu_creator_t *c, vorx_u32_t type, const char *stream_name,
                                         const char *host, vorx_u32_t port)
 {
-  /* The communication layer offers local channels only. */
-  fprintf(stderr, "remote trace streams are not available in this build\n");
-  return NULL;
+  /* The communication layer offers local channels: the host names the channel's domain.
+   * The stream name goes first, so one receiving loop can serve many streams. */
+  return attach_comm_writer(c, type, type == vorx_tmu_per_process ? vorx_tmu_comm_writer_create_named(stream_name, host, port) : NULL);
 }
 
 static void creator_detach(vorx_tmu_creator_t *c, vorx_tmu_t *tmu) { detach_unit(tmu); }

@@ -15,6 +15,7 @@ typedef struct file_writer {
 
 typedef struct comm_writer {
   vorx_tmu_writer_t ops;
+  char *stream_name; /* sent first, with its NUL, by writers of named streams */
   char *name;
   vorx_u32_t port;
   int tried;     /* the connection is attempted once */
@@ -91,6 +92,11 @@ static int comm_open(vorx_tmu_writer_t *w)
   if (!c->tried) {
     c->tried = 1;
     c->connected = comm_client_connect(&c->client, c->name, c->port) == vorx_er_success;
+    if (c->connected && c->stream_name &&
+        comm_client_send(&c->client, c->stream_name, (vorx_u32_t)strlen(c->stream_name) + 1) != vorx_er_success) {
+      comm_client_destroy(&c->client);
+      c->connected = 0;
+    }
   }
   return c->connected;
 }
@@ -128,8 +134,18 @@ void vorx_tmu_writer_destroy(vorx_tmu_writer_t *w)
   if (w->open == comm_open) {
     comm_writer_t *c = (comm_writer_t *)w;
     free(c->name);
+    free(c->stream_name);
   } else {
     free(((file_writer_t *)w)->path);
   }
   free(w);
+}
+
+vorx_tmu_writer_t *vorx_tmu_comm_writer_create_named(const char *stream_name, const char *domain, vorx_u32_t port)
+{
+  vorx_tmu_writer_t *w = vorx_tmu_comm_writer_create(domain, port);
+  if (!w) return NULL;
+  comm_writer_t *c = (comm_writer_t *)w;
+  c->stream_name = sal_strdup(stream_name ? stream_name : "");
+  return w;
 }
