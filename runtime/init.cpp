@@ -88,7 +88,21 @@ extern "C" uint32_t vorx_calc_init_type(uint32_t requested) {
 
 // ---------------------------------------------------------------- create/init
 
+namespace {
+
+// The system layer asks the engine for the kernel and the host.
+vorx_bool_t engine_kernel_release(char *buffer, vorx_size_t size) {
+  return OS_RETURN_CODE_IS_SUCCESS(OS_GetKernelRelease(buffer, size)) ? VORX_TRUE : VORX_FALSE;
+}
+vorx_bool_t engine_host_cpu_arch(char *buffer, vorx_size_t size) {
+  return OS_RETURN_CODE_IS_SUCCESS(OS_GetHostCPUArch(buffer, size)) ? VORX_TRUE : VORX_FALSE;
+}
+constexpr sal_engine_hooks kEngineHooks = {engine_kernel_release, engine_host_cpu_arch};
+
+}  // namespace
+
 extern "C" void vorx_create(void) {
+  sal_set_engine_hooks(&kEngineHooks);
   vorx_er_t err = sal_init();
   VORX_ASSERT(err == vorx_er_success);
   vorx_init_signal_manager();
