@@ -44,6 +44,12 @@
 #define OZKNOTIFY_API
 #endif
 
+#if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 199901L)
+#define OZK_INLINE static inline
+#else
+#define OZK_INLINE static __inline__
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -112,7 +118,7 @@ typedef struct ozk_id {
 
 #define OZK_NULL_ID_INIT {0, 0, 0}
 
-static inline ozk_id ozk_make_id(unsigned long long d1, unsigned long long d2)
+OZK_INLINE ozk_id ozk_make_id(unsigned long long d1, unsigned long long d2)
 {
     ozk_id id;
     id.d1 = d1;
@@ -121,7 +127,7 @@ static inline ozk_id ozk_make_id(unsigned long long d1, unsigned long long d2)
     return id;
 }
 
-static inline ozk_id ozk_null_id(void)
+OZK_INLINE ozk_id ozk_null_id(void)
 {
     return ozk_make_id(0, 0);
 }
@@ -144,7 +150,7 @@ typedef enum ozk_metadata_type {
 } ozk_metadata_type;
 
 /* Bytes of one element of a metadata type; 0 for an unknown type. */
-static inline size_t ozk_metadata_type_size(int type)
+OZK_INLINE size_t ozk_metadata_type_size(int type)
 {
     static const unsigned char sizes[] = {0, 8, 8, 4, 4, 2, 2, 4, 8, 1};
     return (type >= 0 && type < (int)sizeof(sizes)) ? sizes[type] : 0;
@@ -294,11 +300,12 @@ OZKNOTIFY_API void __ozk_counter_dec_delta_v3(const ozk_domain *domain,
                                               unsigned long long delta);
 
 /* Current value of a counter, converted. */
-static inline unsigned long long ozk_counter_value_u64(const ozk_counter *counter)
+OZK_INLINE unsigned long long ozk_counter_value_u64(const ozk_counter *counter)
 {
-    return counter ? counter->value : 0;
+    /* One 64-bit load: two 32-bit halves could come from different updates. */
+    return counter ? __atomic_load_n(&counter->value, __ATOMIC_RELAXED) : 0;
 }
-static inline double ozk_counter_value_double(const ozk_counter *counter)
+OZK_INLINE double ozk_counter_value_double(const ozk_counter *counter)
 {
     union {
         unsigned long long bits;
@@ -306,7 +313,7 @@ static inline double ozk_counter_value_double(const ozk_counter *counter)
     } u;
     if (!counter)
         return 0.0;
-    u.bits = counter->value;
+    u.bits = __atomic_load_n(&counter->value, __ATOMIC_RELAXED);
     if (counter->type == OZK_COUNTER_DOUBLE || counter->type == OZK_COUNTER_FLOAT)
         return u.value;
     if (counter->type == OZK_COUNTER_S64 || counter->type == OZK_COUNTER_S32)
