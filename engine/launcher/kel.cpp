@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "../src/elf_model.h"
+#include "target.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ constexpr char kArgumentSeparator = '\x1f';
 void usage() {
   fprintf(stderr,
           "usage: kel [engine switches] -t <tool.so> [tool switches] -- <program> [args]\n"
-          "  engine switches: -log_level <0-3>, -logfile <path>\n");
+          "  engine switches: -log_level <0-3>, -logfile <path>, -branch_index_cache <0/1>\n");
 }
 
 [[noreturn]] void die(const std::string& message) {
@@ -64,8 +65,8 @@ void check_tool(const std::string& tool) {
   kel::ElfModel model;
   std::string error;
   if (!kel::read_elf_file(tool, &model, &error)) die("tool '" + tool + "' is not a shared object: " + error);
-  if (model.elf_class != 32 || model.machine != EM_386)
-    die("tool '" + tool + "' is not a 32-bit x86 shared object; build it with -m32");
+  if (model.elf_class != kel::arch::kElfClass || model.machine != kel::arch::kElfMachine)
+    die("tool '" + tool + "' is not a " + kel::arch::kArchitectureName + " shared object; build it for that target");
   for (const kel::ElfSymbol& s : model.symbols)
     if (s.dynamic && s.name == "main" && s.type == STT_FUNC) return;
   die("tool '" + tool + "' exports no main(); the engine enters a tool through its main(argc, argv)");
@@ -75,8 +76,9 @@ void check_program(const std::string& program) {
   kel::ElfModel model;
   std::string error;
   if (!kel::read_elf_file(program, &model, &error)) return;  // a script: its interpreter is checked by the loader
-  if (model.elf_class != 32 || model.machine != EM_386)
-    die("program '" + program + "' is not a 32-bit x86 program; this engine runs in i386 processes only");
+  if (model.elf_class != kel::arch::kElfClass || model.machine != kel::arch::kElfMachine)
+    die("program '" + program + "' is not a " + kel::arch::kArchitectureName + " program; this engine runs in " +
+        kel::arch::kArchitectureName + " processes only");
   if (!model.has_interpreter)
     die("program '" + program + "' is statically linked; the engine needs the dynamic loader to enter it");
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "engine.h"
+#include "target.h"
 
 namespace kel {
 namespace {
@@ -68,7 +69,7 @@ void run_fork_callbacks(LEVEL_KELCLIENT::FPOINT point, uint32_t pid) {
   for (auto& r : copy) r.fn(pid, r.arg);
 }
 
-// Is `path` a program the engine can live in (a 32-bit x86 ELF, or a script whose interpreter is one)?
+// Is `path` a program the engine can live in (an ELF of our architecture, or a script whose interpreter is)?
 // Raw system calls only: this runs in vfork children.
 bool can_follow(const char* path, int depth = 0) {
   int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_RDONLY | O_CLOEXEC));
@@ -86,7 +87,9 @@ bool can_follow(const char* path, int depth = 0) {
     *end = 0;
     return can_follow(p, 1);
   }
-  return n >= 20 && memcmp(head, "\177ELF", 4) == 0 && head[4] == 1 /* ELFCLASS32 */ && head[18] == 3 /* EM_386 */;
+  uint16_t machine;
+  memcpy(&machine, head + 18, sizeof machine);  // e_machine, at the same offset in both classes
+  return n >= 20 && memcmp(head, "\177ELF", 4) == 0 && head[4] == arch::kElfClassIdent && machine == arch::kElfMachine;
 }
 
 bool starts_with(const char* s, const char* prefix) { return strncmp(s, prefix, strlen(prefix)) == 0; }
