@@ -113,17 +113,19 @@ typedef struct ozk_counter {
 /* An identifier of a task or a submitted frame, chosen by the program. It is
  * passed by value. OZK_NULL_ID means "none" (for example: no parent task). */
 typedef struct ozk_id {
-    unsigned long long d1, d2, d3;
+    unsigned long long words[3];
 } ozk_id;
 
-#define OZK_NULL_ID_INIT {0, 0, 0}
+#define OZK_NULL_ID_INIT {{0, 0, 0}}
 
-OZK_INLINE ozk_id ozk_make_id(unsigned long long d1, unsigned long long d2)
+/* An id from two words of the program's choice (an address and a counter,
+ * say); the third word is 0. */
+OZK_INLINE ozk_id ozk_make_id(unsigned long long first, unsigned long long second)
 {
     ozk_id id;
-    id.d1 = d1;
-    id.d2 = d2;
-    id.d3 = 0;
+    id.words[0] = first;
+    id.words[1] = second;
+    id.words[2] = 0;
     return id;
 }
 

@@ -140,7 +140,7 @@ void *swap_slot(int slot, void *wrapper)
 
 bool same_id(const ozk_id &a, const ozk_id &b)
 {
-    return a.d1 == b.d1 && a.d2 == b.d2 && a.d3 == b.d3;
+    return a.words[0] == b.words[0] && a.words[1] == b.words[1] && a.words[2] == b.words[2];
 }
 
 TEST(OzkHandover, SwappedSlotsSeeEveryCallWithItsArgumentsByValue)
@@ -158,8 +158,8 @@ TEST(OzkHandover, SwappedSlotsSeeEveryCallWithItsArgumentsByValue)
     EXPECT_EQ(g_seen.object, counter);
     EXPECT_EQ(ozk_counter_value_u64(counter), 4u) << "the original still ran";
 
-    ozk_id task = {0x1111222233334444ull, 0x5555666677778888ull, 0x99990000aaaabbbbull};
-    ozk_id parent = {1, 2, 3};
+    ozk_id task = {{0x1111222233334444ull, 0x5555666677778888ull, 0x99990000aaaabbbbull}};
+    ozk_id parent = {{1, 2, 3}};
     ozk_string_handle *name = __ozk_string_handle_create("overlapped");
     __ozk_task_begin_overlapped(__ozk_domain_create("handover"), task, parent, name);
     EXPECT_EQ(g_seen.calls, 2);
