@@ -272,7 +272,10 @@ Frame frame_record(Bytes bytes)
 
 bool decode_record(Bytes rec, Record &out, std::string &error)
 {
-  out = Record{};
+  out.schema = nullptr; // reset in place: the field vector keeps its memory between records
+  out.api = nullptr;
+  out.type = -1;
+  out.fields.clear();
   out.raw = rec;
   if (rec.size() < 4) {
     error = "record shorter than its descriptor";

@@ -104,7 +104,7 @@ void TraceParser::see_time(std::uint64_t t)
 void TraceParser::track(const Record &r)
 {
   std::string_view n = r.name();
-  counts_[std::string(n)]++;
+  counts_[n]++;
   if (r.api) api_counts_[r.api->name]++;
   for (const char *t : {"timestamp", "begin_time", "end_time", "time"}) see_time(num_or(r, t, 0));
   if (n == "hardcfg" || n == "hardcfg3" || n == "hardcfg4" || n == "hardcfg5")
@@ -166,10 +166,10 @@ void TraceParser::print_summary(const Stats &stats) const
     std::fprintf(o, "  %u%s%s: %" PRIu64 " records%s\n", tid, t.name.empty() ? "" : " ", t.name.c_str(), t.records,
                  t.begun && !t.ended ? " (no end record)" : "");
   std::fprintf(o, "records by type:\n");
-  for (const auto &[name, n] : counts_) std::fprintf(o, "  %-20s %" PRIu64 "\n", name.c_str(), n);
+  for (const auto &[name, n] : counts_) std::fprintf(o, "  %-20.*s %" PRIu64 "\n", int(name.size()), name.data(), n);
   if (!api_counts_.empty()) {
     std::fprintf(o, "API records by function:\n");
-    for (const auto &[name, n] : api_counts_) std::fprintf(o, "  %-36s %" PRIu64 "\n", name.c_str(), n);
+    for (const auto &[name, n] : api_counts_) std::fprintf(o, "  %-36.*s %" PRIu64 "\n", int(name.size()), name.data(), n);
   }
   if (first_) {
     std::uint64_t span = *last_ - *first_;

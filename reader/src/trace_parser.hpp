@@ -44,7 +44,8 @@ public:
 
   void print_summary(const Stats &stats) const;
 
-  const std::map<std::string, std::uint64_t> &counts() const { return counts_; }
+  // Keyed by names of the generated tables, which live as long as the program.
+  const std::map<std::string_view, std::uint64_t> &counts() const { return counts_; }
   const std::map<std::uint32_t, ThreadInfo> &threads() const { return threads_; }
   const std::map<std::uint32_t, ProcessInfo> &processes() const { return processes_; }
   std::optional<std::uint64_t> first_time() const { return first_; }
@@ -58,8 +59,8 @@ private:
   std::FILE *out_;
   bool dump_;
   std::vector<FileInfo> files_;
-  std::map<std::string, std::uint64_t> counts_;
-  std::map<std::string, std::uint64_t> api_counts_;
+  std::map<std::string_view, std::uint64_t> counts_;
+  std::map<std::string_view, std::uint64_t> api_counts_;
   std::map<std::uint32_t, ProcessInfo> processes_;
   std::map<std::uint32_t, ThreadInfo> threads_;
   std::optional<std::uint64_t> first_, last_;
