@@ -52,6 +52,29 @@ const tf_schema_t *find_sized_schema(std::uint32_t desc, int type, Bytes rec, st
   return nullptr;
 }
 
+// Names of the wrapped functions, from the probe catalogue, for API records that are not
+// members of the API family: their arguments stay undecoded, their function is named.
+struct ProbeName {
+  std::uint32_t id;
+  const char *name;
+};
+#ifdef VORX_READER_HAVE_PROBE_NAMES
+constexpr ProbeName kProbeNames[] = {
+#define VORX_PROBE(id, name, ...) {id, name},
+#include "vorx_probes.def"
+#undef VORX_PROBE
+};
+#else
+constexpr ProbeName kProbeNames[] = {{~0u, ""}};
+#endif
+
+std::string_view probe_name(std::uint32_t id)
+{
+  for (const ProbeName &p : kProbeNames)
+    if (p.id == id) return p.name;
+  return {};
+}
+
 const tf_api_desc_t *find_api(std::uint32_t id, int form)
 {
   for (const tf_api_desc_t &a : tf_api_descs)
@@ -274,6 +297,7 @@ bool decode_record(Bytes rec, Record &out, std::string &error)
 {
   out.schema = nullptr; // reset in place: the field vector keeps its memory between records
   out.api = nullptr;
+  out.function = {};
   out.type = -1;
   out.fields.clear();
   out.raw = rec;
@@ -309,7 +333,9 @@ bool decode_record(Bytes rec, Record &out, std::string &error)
     if (f.kind == TF_FK_ARGS && !out.fields.empty() && out.fields.back().name == "function_id") {
       std::uint32_t id = std::uint32_t(out.fields.back().num);
       int form = out.type == 9 ? 2 : 1;
-      out.api = find_api(form == 2 ? (id & 0x7FFFFFFFu) : id, form);
+      std::uint32_t fid = form == 2 ? (id & 0x7FFFFFFFu) : id;
+      out.api = find_api(fid, form);
+      out.function = out.api ? std::string_view(out.api->name) : probe_name(fid);
     }
     if (!w.field(f, alt)) return false;
   }

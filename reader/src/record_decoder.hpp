@@ -23,6 +23,7 @@ struct Field {
 struct Record {
   const tf_schema_t *schema = nullptr; // null: a sized record of a type the reader doesn't know
   const tf_api_desc_t *api = nullptr;  // API member, when the function id is a known one
+  std::string_view function;           // API records: the function's name, when known
   std::uint32_t desc = 0;
   int type = -1;
   Bytes raw;

@@ -57,7 +57,7 @@ std::string format_record(const Record &r, const Location &where)
     line += " type=" + std::to_string(r.type) + " bytes=" + std::to_string(r.raw.size());
     return line;
   }
-  if (r.api) line += " function=" + std::string(r.api->name);
+  if (!r.function.empty()) line += " function=" + std::string(r.function);
   for (const Field &f : r.fields) {
     line += ' ';
     line += f.name;
@@ -105,7 +105,7 @@ void TraceParser::track(const Record &r)
 {
   std::string_view n = r.name();
   counts_[n]++;
-  if (r.api) api_counts_[r.api->name]++;
+  if (r.schema && r.schema->api) api_counts_[r.function.empty() ? std::string_view("(unknown function)") : r.function]++;
   for (const char *t : {"timestamp", "begin_time", "end_time", "time"}) see_time(num_or(r, t, 0));
   if (n == "hardcfg" || n == "hardcfg3" || n == "hardcfg4" || n == "hardcfg5")
     timesource_hz_ = num_or(r, "timesource_frequency", 0);
