@@ -117,8 +117,13 @@ int main(int argc, char** argv) {
     args += kArgumentSeparator;
     args += i == tool_at ? tool : argv[i];
   }
-  if (const char* audit = getenv("LD_AUDIT")) setenv("KEL_SAVED_LD_AUDIT", audit, 1);
-  setenv("LD_AUDIT", runtime.c_str(), 1);
+  // An audit module of the user's own still loads, after the engine; the program sees only its own value.
+  std::string audit = runtime;
+  if (const char* own = getenv("LD_AUDIT"); own && *own) {
+    setenv("KEL_SAVED_LD_AUDIT", own, 1);
+    audit += std::string(":") + own;
+  }
+  setenv("LD_AUDIT", audit.c_str(), 1);
   setenv("KEL_TOOL", tool.c_str(), 1);
   setenv("KEL_ARGS", args.c_str(), 1);
   execv(program.c_str(), argv + program_at);

@@ -65,15 +65,17 @@ void scrub_environment(const char* tool, const char* args) {
   info.injected_audit = "LD_AUDIT=" + info.runtime_path;
   info.injected_tool = std::string(kToolVariable) + "=" + tool;
   info.injected_args = std::string(kArgsVariable) + "=" + args;
+  // The program's own LD_AUDIT, if it had one, goes back in place of ours. setenv would build a new array
+  // that only this namespace's library sees, so the entry is replaced in the shared array itself.
   const char* saved = getenv(kSavedAuditVariable);
-  std::string saved_audit = saved ? saved : "";
+  char* restored = saved ? strdup((std::string("LD_AUDIT=") + saved).c_str()) : nullptr;
   unsetenv(kToolVariable);
   unsetenv(kArgsVariable);
-  unsetenv("LD_AUDIT");
-  if (saved) {
-    unsetenv(kSavedAuditVariable);
-    setenv("LD_AUDIT", saved_audit.c_str(), 1);
-  }
+  unsetenv(kSavedAuditVariable);
+  bool replaced = false;
+  for (char** entry = environ; restored && *entry; ++entry)
+    if (strncmp(*entry, "LD_AUDIT=", 9) == 0) *entry = restored, replaced = true;
+  if (!replaced) unsetenv("LD_AUDIT");
 }
 
 [[noreturn]] void fail(const char* format, const char* what, const char* detail) {

@@ -153,6 +153,7 @@ void on_image_unloading(uint32_t id);
 void on_loader_consistent();
 void fixup_locks_after_fork(int parent_tid);
 bool tool_started();
+bool program_running();  // the loader has reached its first consistent state: threads may run code
 extern bool g_tool_started;
 
 // Logging: level 0 errors only, 1 refusals and probes, 2 images, 3 everything.

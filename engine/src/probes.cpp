@@ -56,9 +56,10 @@ void make_writable(uintptr_t address, size_t size, bool writable) {
     engine_error("cannot change the protection of %#lx: %s", static_cast<unsigned long>(address), strerror(errno));
 }
 
-// True when nobody can be executing the image's code: its load callbacks are still running.
+// True when nobody can be executing the image's code: its load callbacks are still running, or the
+// program has not started (only the loader runs, on one thread, until the first consistent state).
 bool image_is_fresh(uint32_t image_id) {
-  return image_id && tables().images[image_id - 1].in_load_event;
+  return !program_running() || (image_id && tables().images[image_id - 1].in_load_event);
 }
 
 bool write_entry(uintptr_t address, const uint8_t* bytes, bool fresh) {

@@ -97,13 +97,14 @@ bool starts_with(const char* s, const char* prefix) { return strncmp(s, prefix, 
 bool is_engine_variable(const char* entry) {
   const LaunchInfo& info = launch_info();
   return (!info.injected_audit.empty() && strcmp(entry, info.injected_audit.c_str()) == 0) ||
-         starts_with(entry, "KEL_TOOL=") || starts_with(entry, "KEL_ARGS=");
+         starts_with(entry, "KEL_TOOL=") || starts_with(entry, "KEL_ARGS=") || starts_with(entry, "KEL_SAVED_LD_AUDIT=");
 }
 
 }  // namespace
 
 bool g_tool_started = false;
 bool tool_started() { return g_tool_started; }
+bool program_running() { return g_program_consistent; }
 
 void on_image_loaded(uint32_t id) {
   LEVEL_KELCLIENT::KEL_LockClient();
@@ -194,15 +195,39 @@ extern "C" __attribute__((visibility("default"))) int kel_execve_hook(const char
   }
   int count = 0;
   while (envp && envp[count]) ++count;
-  auto** environment = static_cast<char**>(alloca((count + 4) * sizeof(char*)));
+  auto** environment = static_cast<char**>(alloca((count + 5) * sizeof(char*)));
   int n = 0;
-  for (int i = 0; i < count; ++i)
-    if (!is_engine_variable(envp[i])) environment[n++] = envp[i];
+  const char* programs_audit = nullptr;  // an LD_AUDIT of the program's own, kept for the new program
+  for (int i = 0; i < count; ++i) {
+    if (is_engine_variable(envp[i])) continue;
+    if (follow && starts_with(envp[i], "LD_AUDIT=")) {
+      programs_audit = envp[i] + 9;
+      continue;
+    }
+    environment[n++] = envp[i];
+  }
   if (follow) {
     const LaunchInfo& info = launch_info();
-    environment[n++] = const_cast<char*>(info.injected_audit.c_str());
+    if (programs_audit && *programs_audit) {  // ours first, then the program's own
+      size_t size = info.injected_audit.size() + 1 + strlen(programs_audit) + 1;
+      auto* both = static_cast<char*>(alloca(size));
+      strcpy(both, info.injected_audit.c_str());
+      strcat(both, ":");
+      strcat(both, programs_audit);
+      environment[n++] = both;
+    } else {
+      environment[n++] = const_cast<char*>(info.injected_audit.c_str());
+    }
     environment[n++] = const_cast<char*>(info.injected_tool.c_str());
     environment[n++] = const_cast<char*>(info.injected_args.c_str());
+    if (programs_audit) {
+      size_t size = strlen(kSavedAuditVariable) + 1 + strlen(programs_audit) + 1;
+      auto* saved = static_cast<char*>(alloca(size));
+      strcpy(saved, kSavedAuditVariable);
+      strcat(saved, "=");
+      strcat(saved, programs_audit);
+      environment[n++] = saved;
+    }
   }
   environment[n] = nullptr;
   return g_execve_original(path, argv, environment);
