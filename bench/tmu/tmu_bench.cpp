@@ -48,6 +48,24 @@ void BM_PutRecord40_Plain(benchmark::State &state) { put_records(state, 0); }
 void BM_PutRecord40_Deflate1(benchmark::State &state) { put_records(state, 1); }
 void BM_PutRecord40_Deflate6(benchmark::State &state) { put_records(state, 6); }
 
+// The usual case of application threads: each writes into a unit of its own.
+void BM_PutRecord40_OwnUnits(benchmark::State &state)
+{
+  static vorx_tmu_t *units[8];
+  vorx_tmu_creator_t *c = creator();
+  if (state.thread_index() == 0) vorx_tmu_creator_set_compression_level(c, 0);
+  vorx_tmu_t *&u = units[state.thread_index()];
+  if (!u) u = c->alloc_fd(c, vorx_tmu_per_process, open("/dev/null", O_WRONLY));
+  std::uint8_t rec[TF_CPU_SAMPLE_SIZE];
+  std::uint64_t seq = 0;
+  for (auto _ : state) {
+    tf_cpu_sample_put(rec, 7, 0, seq++, 1000000, 3);
+    u->put_record(u, rec, TF_CPU_SAMPLE_SIZE, nullptr, 0);
+  }
+  state.SetItemsProcessed(std::int64_t(state.iterations()));
+  state.SetBytesProcessed(std::int64_t(state.iterations()) * TF_CPU_SAMPLE_SIZE);
+}
+
 // The whole write of an event record: time stamp, hand-built bytes, put_record.
 void BM_TimestampedRecord40_Plain(benchmark::State &state)
 {
@@ -70,6 +88,7 @@ void BM_TimestampedRecord40_Plain(benchmark::State &state)
 BENCHMARK(BM_PutRecord40_Plain)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_PutRecord40_Deflate1)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_PutRecord40_Deflate6)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_PutRecord40_OwnUnits)->Threads(2)->UseRealTime();
 BENCHMARK(BM_TimestampedRecord40_Plain)->UseRealTime();
 
 BENCHMARK_MAIN();
