@@ -26,6 +26,12 @@ under=$(median_ms "$kel" -t "$dir/kel_bench_empty_tool.so" -- "$dir/kel_bench_em
 echo "start-up, empty program: alone ${alone} ms, under kel (empty tool) ${under} ms," \
      "ratio $(awk -v a="$alone" -v b="$under" 'BEGIN { printf "%.1f", b / a }')"
 
+sweep=$build/tests/engine/kel_sweep_tool.so
+if [ -e "$sweep" ]; then
+  all=$(median_ms "$kel" -t "$sweep" -o /dev/null -- "$dir/kel_bench_empty_app")
+  echo "start-up with every safe libc routine probed (sweep tool): ${all} ms"
+fi
+
 "$dir/kel_bench_hot_app" > "$dir/hot.alone"
 "$kel" -t "$dir/kel_bench_probe_tool.so" -- "$dir/kel_bench_hot_app" > "$dir/hot.probed"
 for what in hot_call_ns lock_pair_ns; do

@@ -24,6 +24,9 @@ __attribute__((noinline, visibility("default"))) long kel_test_count(const char*
 
 enum { kThreads = 4, kIterations = 3000, kItems = 500 };
 
+/* strlen is an IFUNC: its probe waits for the resolver, then sits on the implementation it picks. */
+static size_t (*volatile g_strlen)(const char*) = strlen;
+static atomic_long n_strlen;
 static atomic_long n_read, n_write, n_lock, n_unlock, n_malloc, n_free, n_getpid, n_cond_wait, n_cond_signal,
     n_old_wait, n_old_signal;
 static pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -53,6 +56,8 @@ static void* worker(void* arg) {
     memset(p, i, 16);
     free(p), atomic_fetch_add(&n_free, 1);
     CHECK(getpid() == g_pid, "getpid");
+    CHECK(g_strlen("probe") == 5, "strlen");
+    atomic_fetch_add(&n_strlen, 1);
     atomic_fetch_add(&n_getpid, 1);
     char out = (char)(i + (int)(long)arg), in = 0;
     CHECK(write(fds[1], &out, 1) == 1, "write");
@@ -145,6 +150,7 @@ int main(void) {
   ok &= compare("malloc", n_malloc);
   ok &= compare("free", n_free);
   ok &= compare("getpid", n_getpid);
+  ok &= compare("strlen", n_strlen);
   /* The first version's functions end in a tail jump to the current ones, so the program's calls of the
    * old ones also enter the current ones with the program's return address. */
   ok &= compare("pthread_cond_signal@@GLIBC_2.3.2", n_cond_signal + n_old_signal);

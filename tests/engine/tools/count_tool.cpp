@@ -6,6 +6,7 @@
 #include <cstring>
 #include <pthread.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include "kel.h"
@@ -58,7 +59,7 @@ struct Entry {
 // The counted functions: one line each.
 #define COUNTED_FUNCTIONS(X)                                 \
   X(0, read) X(1, write) X(2, pthread_mutex_lock) X(3, pthread_mutex_unlock) X(4, malloc) X(5, free) \
-  X(6, getpid) X(7, pthread_cond_wait) X(8, pthread_cond_signal)
+  X(6, getpid) X(7, pthread_cond_wait) X(8, pthread_cond_signal) X(9, strlen)
 
 #define SLOT(id, fn, v)                                                                  \
   reinterpret_cast<AFUNPTR>(&Wrapper<id, v, &::fn>::call)
