@@ -31,7 +31,9 @@ int fail(const std::string &reason, int status) {
 
 int command_run(int argc, char **argv) {
   CLI::App app{"Run a program and collect its profile and trace.", "vorx run"};
-  app.footer("Example: vorx run -c cpu,threading -i 5 -- ./app --its-own-option");
+  app.footer("The program and its arguments follow the options, after \"--\" when they could be\n"
+             "taken for options of vorx.\n"
+             "Example: vorx run -c cpu,threading -i 5 -- ./app --its-own-option\n");
   RunOptions options;
   add_run_options(app, options);
   app.prefix_command();
@@ -40,12 +42,11 @@ int command_run(int argc, char **argv) {
   } catch (const CLI::ParseError &e) {
     return app.exit(e) == 0 ? 0 : 2;  // 2: the usage was wrong
   }
-  // Everything after the program's name belongs to the program.
+  // The first word that is not an option of ours starts the program's
+  // command line; "--" may mark it.
   std::vector<std::string> rest = app.remaining();
   if (!rest.empty() && rest.front() == "--") rest.erase(rest.begin());
-  options.command.insert(options.command.end(), rest.begin(), rest.end());
-  if (!options.command.empty() && options.command.front() == "--")
-    options.command.erase(options.command.begin());
+  options.command = std::move(rest);
   if (std::string reason = check_run_options(options); !reason.empty()) return fail(reason, kUsageError);
 
   std::string error;

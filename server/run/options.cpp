@@ -91,7 +91,8 @@ void add_run_options(CLI::App &app, RunOptions &o) {
       ->capture_default_str();
   app.add_option("--engine", o.engine, "The instrumentation engine to launch with")->group("");
   app.add_option("--tool", o.tool, "The collector library to load")->group("");
-  app.add_option("command", o.command, "The program to run, and its arguments")->required();
+  // The program and its arguments are what follows the options (after "--"
+  // when the program's own options could be taken for ours).
 }
 
 std::string check_run_options(const RunOptions &o) {
