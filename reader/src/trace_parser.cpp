@@ -1,6 +1,7 @@
 #include "trace_parser.hpp"
 
 #include <cinttypes>
+#include <ctime>
 
 namespace vorx::report {
 namespace {
@@ -109,6 +110,7 @@ void TraceParser::track(const Record &r)
   for (const char *t : {"timestamp", "begin_time", "end_time", "time"}) see_time(num_or(r, t, 0));
   if (n == "hardcfg" || n == "hardcfg3" || n == "hardcfg4" || n == "hardcfg5")
     timesource_hz_ = num_or(r, "timesource_frequency", 0);
+  if (n == "marker" && !marker_) marker_ = {num_or(r, "count", 0), num_or(r, "wall_clock", 0)};
   if (n == "process") {
     ProcessInfo &p = processes_[std::uint32_t(num_or(r, "tid", 0))];
     std::uint64_t cls = num_or(r, "event_class", 0);
@@ -176,6 +178,17 @@ void TraceParser::print_summary(const Stats &stats) const
     std::fprintf(o, "time span: %" PRIu64 " .. %" PRIu64 " (%" PRIu64 " counts", *first_, *last_, span);
     if (timesource_hz_) std::fprintf(o, ", %.6f s at %" PRIu64 " Hz", double(span) / double(timesource_hz_), timesource_hz_);
     std::fprintf(o, ")\n");
+    if (timesource_hz_ && marker_) {
+      // Calendar time of the first stamp, from the marker's pair of count and wall clock.
+      double offset_s = (double(*first_) - double(marker_->first)) / double(timesource_hz_);
+      double wall_s = double(marker_->second) / 1e7 + offset_s;
+      std::time_t secs = std::time_t(wall_s);
+      char when[64];
+      struct tm tm_utc;
+      gmtime_r(&secs, &tm_utc);
+      std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &tm_utc);
+      std::fprintf(o, "started: %s.%06u UTC\n", when, unsigned((wall_s - double(secs)) * 1e6));
+    }
   } else {
     std::fprintf(o, "time span: no time stamps\n");
   }

@@ -65,6 +65,8 @@ private:
   std::map<std::uint32_t, ThreadInfo> threads_;
   std::optional<std::uint64_t> first_, last_;
   std::uint64_t timesource_hz_ = 0;
+  // The first marker: a time-source count and the wall clock (100 ns units) at one instant.
+  std::optional<std::pair<std::uint64_t, std::uint64_t>> marker_;
   std::vector<std::string> problems_;
 };
 

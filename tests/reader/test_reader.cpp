@@ -47,6 +47,7 @@ TraceBuilder sample_trace()
 {
   TraceBuilder b;
   b.hardcfg(1000000000)
+      .put(TF_MARKER_SIZE, [](std::uint8_t *d) { return tf_marker_put(d, 500, 17640000000000000ull); })
       .process(100, TF_EC_BEGIN, 1000, "app")
       .thread(101, TF_EC_BEGIN, 1500)
       .sample(101, 2000)
@@ -101,18 +102,19 @@ TEST(Tokenizer, AnyChunkBoundaryGivesTheSameRecords)
   std::vector<std::uint8_t> bytes = sample_trace().bytes();
   Lines whole = tokenize(bytes);
   EXPECT_TRUE(whole.problems.empty());
-  ASSERT_EQ(whole.records.size(), 8u);
+  ASSERT_EQ(whole.records.size(), 9u);
   for (std::size_t chunk : {1u, 3u, 7u, 64u}) EXPECT_EQ(tokenize(bytes, chunk).records, whole.records) << chunk;
 }
 
 TEST(Tokenizer, DumpLinesAreStable)
 {
   Lines l = tokenize(sample_trace().bytes());
-  ASSERT_EQ(l.records.size(), 8u);
+  ASSERT_EQ(l.records.size(), 9u);
   EXPECT_EQ(l.records[0], "@0 magic desc=0x08000000 word=2917064442");
-  EXPECT_EQ(l.records[2], "@52 process desc=0x02400017 event_class=4096 tid=100 aux_id=0 timestamp=1000 size=7 type=0 name=\"app\"");
-  EXPECT_EQ(l.records[4], "@115 cpu_sample desc=0x02000617 event_class=4 tid=101 aux_id=0 timestamp=2000 period=1000 last=3 reserved=0");
-  EXPECT_EQ(l.records[5], "@155 apiwrap_v1 desc=0x03000017 function=__internal_thread_name event_class=64 tid=101 aux_id=0 "
+  EXPECT_EQ(l.records[2], "@52 marker desc=0x22000020 word2=32 kind=2 count=500 wall_clock=17640000000000000");
+  EXPECT_EQ(l.records[3], "@77 process desc=0x02400017 event_class=4096 tid=100 aux_id=0 timestamp=1000 size=7 type=0 name=\"app\"");
+  EXPECT_EQ(l.records[5], "@140 cpu_sample desc=0x02000617 event_class=4 tid=101 aux_id=0 timestamp=2000 period=1000 last=3 reserved=0");
+  EXPECT_EQ(l.records[6], "@180 apiwrap_v1 desc=0x03000017 function=__internal_thread_name event_class=64 tid=101 aux_id=0 "
                           "end_time=2500 size=30 type=7 begin_time=2500 stack_word=0 function_id=286 version=1 arg0=\"worker\"");
 }
 
@@ -136,7 +138,7 @@ TEST(Tokenizer, RemoteStreamsBeginWithTheirName)
   Lines l = tokenize(bytes, 3);
   EXPECT_EQ(l.stream_name, "host/\xC3\xA9");
   EXPECT_TRUE(l.problems.empty());
-  EXPECT_EQ(l.records.size(), 8u);
+  EXPECT_EQ(l.records.size(), 9u);
   EXPECT_EQ(l.records[0].substr(0, 3), "@8 ");
 }
 
@@ -146,7 +148,7 @@ TEST(Tokenizer, TruncatedFileNamesTheOffsetAndKeepsWhatItRead)
   bytes.resize(bytes.size() - 10); // the last process record loses its tail
   Stats stats;
   Lines l = tokenize(bytes, 100, &stats);
-  EXPECT_EQ(l.records.size(), 7u);
+  EXPECT_EQ(l.records.size(), 8u);
   ASSERT_EQ(l.problems.size(), 1u);
   EXPECT_EQ(l.problems[0], "t.trace: truncated record (needs at least 28 bytes, the file has 21 left) at byte offset " +
                                std::to_string(bytes.size() - 21));
@@ -161,7 +163,7 @@ TEST(Tokenizer, CorruptRecordsStopTheFileWithTheirOffset)
   b.sample(1, 1);
   Stats stats;
   Lines l = tokenize(b.bytes(), 0, &stats);
-  EXPECT_EQ(l.records.size(), 8u);
+  EXPECT_EQ(l.records.size(), 9u);
   ASSERT_EQ(l.problems.size(), 1u);
   EXPECT_EQ(l.problems[0], "t.trace: corrupt record: unknown record descriptor 0x40 at byte offset " + std::to_string(at));
   EXPECT_EQ(stats.get(Stat::corrupt_records), 1u);
@@ -199,12 +201,13 @@ TEST(ReportCommand, SummaryOfAResultsDirectory)
   std::string out = run_report({dir.path, "--no-progress"}, &status);
   EXPECT_EQ(status, 0);
   EXPECT_NE(out.find("files: 2"), std::string::npos) << out;
-  EXPECT_NE(out.find("records: 11"), std::string::npos) << out;
+  EXPECT_NE(out.find("records: 12"), std::string::npos) << out;
   EXPECT_NE(out.find("  100 app\n"), std::string::npos) << out;
   EXPECT_NE(out.find("  101 worker: 4 records\n"), std::string::npos) << out;
   EXPECT_NE(out.find("  102: 2 records (no end record)\n"), std::string::npos) << out;
   EXPECT_NE(out.find("  cpu_sample           2\n"), std::string::npos) << out;
   EXPECT_NE(out.find("time span: 1000 .. 9000 (8000 counts, 0.000008 s at 1000000000 Hz)"), std::string::npos) << out;
+  EXPECT_NE(out.find("started: 2025-11-24 16:00:00.000000 UTC"), std::string::npos) << out;
   EXPECT_NE(out.find("threads_without_end          1"), std::string::npos) << out;
   EXPECT_NE(out.find("import problems: none"), std::string::npos) << out;
 }
@@ -219,7 +222,7 @@ TEST(ReportCommand, DumpAndErrors)
   std::string out = run_report({path, "--dump"}, &status);
   EXPECT_EQ(status, 1); // an import problem
   EXPECT_EQ(out.find("== " + path + "\n@0 magic"), 0u) << out;
-  EXPECT_NE(out.find("@115 cpu_sample"), std::string::npos);
+  EXPECT_NE(out.find("@140 cpu_sample"), std::string::npos);
 
   EXPECT_EQ(run_report({dir.path + "/missing"}, &status), "");
   EXPECT_EQ(status, 2);
