@@ -51,6 +51,7 @@ struct Image {
   bool vdso = false;
   bool in_load_event = false;   // its load callbacks are running: its code cannot run yet
   bool relocated = false;       // the loader has finished with it: IFUNC resolvers may be called
+  bool code_open = false;       // its executable sections are writable (during its load event only)
   std::string name;
   uintptr_t load_offset = 0;
   uintptr_t entry = 0;
@@ -144,6 +145,7 @@ uintptr_t install_probe(uint32_t routine_index, uintptr_t address, bool internal
                         void* context, arch::Refusal* why);
 void build_branch_index(Image& image);  // once per image, under the client lock
 void disarm_all_probes();  // detach
+void close_image_code(Image& image);  // end of a load event: the code is read-only again
 void* allocate_code(size_t size);
 
 // Process services.

@@ -62,7 +62,24 @@ bool image_is_fresh(uint32_t image_id) {
   return !program_running() || (image_id && tables().images[image_id - 1].in_load_event);
 }
 
+// The executable sections of an image, writable for the rest of its load event: one pair of protection
+// changes per image instead of one per probe (libc may take thousands).
+void open_image_code(Image& image) {
+  if (image.code_open) return;
+  for (uint32_t i = 0; i < image.section_count; ++i) {
+    const Section& s = tables().sections[image.first_section + i];
+    if (s.executable && s.address) make_writable(s.address, s.size, true);
+  }
+  image.code_open = true;
+}
+
 bool write_entry(uintptr_t address, const uint8_t* bytes, bool fresh) {
+  Image* image = fresh ? image_containing(address) : nullptr;
+  if (image && image->in_load_event) {
+    open_image_code(*image);
+    memcpy(reinterpret_cast<void*>(address), bytes, arch::kPatchSize);
+    return true;
+  }
   make_writable(address, arch::kPatchSize, true);
   bool done = true;
   if (fresh) memcpy(reinterpret_cast<void*>(address), bytes, arch::kPatchSize);
@@ -218,6 +235,15 @@ uintptr_t defer_ifunc_probe(uint32_t routine_index, uintptr_t replacement, arch:
     return 0;
   }
   return d->lazy_stub;
+}
+
+void close_image_code(Image& image) {
+  if (!image.code_open) return;
+  for (uint32_t i = 0; i < image.section_count; ++i) {
+    const Section& s = tables().sections[image.first_section + i];
+    if (s.executable && s.address) make_writable(s.address, s.size, false);
+  }
+  image.code_open = false;
 }
 
 void* allocate_code(size_t size) {

@@ -114,6 +114,7 @@ void on_image_loaded(uint32_t id) {
   std::string base = image.name.substr(image.name.rfind('/') + 1);
   if (base.rfind("libc.so", 0) == 0) install_process_hooks(id);
   if (!g_detached) report_image(id, callbacks().image_load);
+  close_image_code(image);
   image.in_load_event = false;
   LEVEL_KELCLIENT::KEL_UnlockClient();
 }
