@@ -246,51 +246,38 @@ static int fits(const vorx_tmu_buffer_t *b, vorx_u32_t size)
   return (vorx_u32_t)(b->head + b->size - b->write_ptr) >= size;
 }
 
-int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_tmu_buffer_t **buffer)
+/* A record beyond the buffers: double them until it fits. Ring buffers grow in place but keep
+ * their recorded size, so such a record stops at the bounds assertion there. */
+static void grow_for_record(vorx_tmu_t *tmu, vorx_u32_t size)
 {
-  TMU_ASSERT((size) != 0);
-  if (size >= tmu->pool.buffs[0].size) {
-    /* A record beyond the buffers: double them until it fits. Ring buffers grow in place but
-     * keep their recorded size, so such a record stops at the bounds assertion there. */
-    vorx_u32_t old = tmu->pool.buffs[0].size, grown = old;
-    while (grown <= size && grown <= VORX_TMU_MAX_BUFFER_SIZE) grown *= 2;
-    if (grown > VORX_TMU_MAX_BUFFER_SIZE) {
-      const struct { vorx_tmu_buffer_t *buffs; } *pool = (const void *)&tmu->pool;
-      TMU_ASSERT(size <= pool->buffs[0].size);
-    }
-    resize(tmu, grown);
-    if (tmu->mode != vorx_tmu_mode_ring) consumption_add((vorx_u64_t)(grown - old) * tmu->pool.buf_num);
+  vorx_u32_t old = tmu->pool.buffs[0].size, grown = old;
+  while (grown <= size && grown <= VORX_TMU_MAX_BUFFER_SIZE) grown *= 2;
+  if (grown > VORX_TMU_MAX_BUFFER_SIZE) {
+    const struct { vorx_tmu_buffer_t *buffs; } *pool = (const void *)&tmu->pool;
+    TMU_ASSERT(size <= pool->buffs[0].size);
   }
-  int res = 1;
-  vorx_mutex_lock(&tmu->buffer_lock);
-  vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
-  if (tmu->mode == vorx_tmu_mode_ring && buffer_empty(active)) {
-    TMU_ASSERT(((active)->write_ptr == (active)->head));
-    active->start_time = system_now();
-  }
-  if (fits(active, size)) {
-    take_room(tmu, active, size, record, buffer);
-    vorx_mutex_unlock(&tmu->buffer_lock);
-    return 1;
-  }
-  if (tmu->mode == vorx_tmu_mode_ring) {
-    alloc_or_switch_buffers(tmu);
-    take_room(tmu, &tmu->pool.buffs[tmu->pool.active], size, record, buffer);
-    vorx_mutex_unlock(&tmu->buffer_lock);
-    return 1;
-  }
-  vorx_mutex_lock(&tmu->spill_lock);
-  if (tmu->pool.buf_num == 1) {
-    wait_confirmations(active);
-    res = write_buffer(tmu, active);
-    active->write_ptr = active->head; /* a writer that can't open loses the buffer here */
-    take_room(tmu, active, size, record, buffer);
-    vorx_mutex_unlock(&tmu->spill_lock);
-    vorx_mutex_unlock(&tmu->buffer_lock);
-    return res;
-  }
-  /* Switch at once; other threads go on writing into the next buffer while this thread
-   * writes the old one out under spill_lock alone. */
+  resize(tmu, grown);
+  if (tmu->mode != vorx_tmu_mode_ring) consumption_add((vorx_u64_t)(grown - old) * tmu->pool.buf_num);
+}
+
+/* One buffer: write it out, then reserve at its start. Holds both locks throughout. */
+static int reserve_after_spill(vorx_tmu_t *tmu, vorx_tmu_buffer_t *active, vorx_u32_t size, void **record,
+                               vorx_tmu_buffer_t **buffer)
+{
+  wait_confirmations(active);
+  int res = write_buffer(tmu, active);
+  active->write_ptr = active->head; /* a writer that can't open loses the buffer here */
+  take_room(tmu, active, size, record, buffer);
+  vorx_mutex_unlock(&tmu->spill_lock);
+  vorx_mutex_unlock(&tmu->buffer_lock);
+  return res;
+}
+
+/* Several buffers: switch at once, so that other threads go on writing into the next buffer
+ * while this one writes the old one out under spill_lock alone. */
+static int reserve_after_switch(vorx_tmu_t *tmu, vorx_tmu_buffer_t *active, vorx_u32_t size, void **record,
+                                vorx_tmu_buffer_t **buffer)
+{
   tmu->switches++;
   tmu->pool.active = (vorx_u32_t)(tmu->switches % tmu->pool.buf_num);
   vorx_tmu_buffer_t *next = &tmu->pool.buffs[tmu->pool.active];
@@ -298,10 +285,34 @@ int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_
   take_room(tmu, next, size, record, buffer);
   vorx_mutex_unlock(&tmu->buffer_lock);
   wait_confirmations(active);
-  res = write_buffer(tmu, active);
+  int res = write_buffer(tmu, active);
   active->write_ptr = active->head;
   vorx_mutex_unlock(&tmu->spill_lock);
   return res;
+}
+
+int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_tmu_buffer_t **buffer)
+{
+  TMU_ASSERT((size) != 0);
+  if (size >= tmu->pool.buffs[0].size) grow_for_record(tmu, size);
+  vorx_mutex_lock(&tmu->buffer_lock);
+  vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
+  if (tmu->mode == vorx_tmu_mode_ring && buffer_empty(active)) {
+    TMU_ASSERT(((active)->write_ptr == (active)->head));
+    active->start_time = system_now();
+  }
+  if (!fits(active, size)) {
+    if (tmu->mode != vorx_tmu_mode_ring) {
+      vorx_mutex_lock(&tmu->spill_lock);
+      if (tmu->pool.buf_num == 1) return reserve_after_spill(tmu, active, size, record, buffer);
+      return reserve_after_switch(tmu, active, size, record, buffer);
+    }
+    alloc_or_switch_buffers(tmu);
+    active = &tmu->pool.buffs[tmu->pool.active];
+  }
+  take_room(tmu, active, size, record, buffer);
+  vorx_mutex_unlock(&tmu->buffer_lock);
+  return 1;
 }
 
 static void tmu_confirm(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buff)
