@@ -145,6 +145,10 @@ LaunchInfo& launch_info() {
 
 namespace LEVEL_KELCLIENT {
 [[noreturn]] VOID KEL_StartProgramProbed() {
+  if (kel::g_tool_started || !kel::g_active) {
+    kel::engine_error("KEL_StartProgramProbed called %s", kel::g_tool_started ? "twice" : "outside the tool's main");
+    abort();
+  }
   kel::g_tool_started = true;
   setcontext(&kel::g_loader_context);  // back into la_version; main's frame stays mapped, abandoned
   abort();
