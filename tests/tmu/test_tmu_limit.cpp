@@ -31,5 +31,14 @@ TEST(MemoryLimit, NewUnitsHalveTheBiggestUnit)
   for (int i = 0; i < 30000; i++) put_sample(b, 2, i);
   c->free_unit(c, b);
   expect_sequence(read_trace(dir.file("b")), 2, 0, 30000);
-  for (vorx_tmu_t *u : {a, t, p}) c->free_unit(c, u);
+  // Ring units are outside the limit and never halved, however big: x would be the victim.
+  vorx_tmu_t *x = c->alloc(c, vorx_tmu_per_thread, dir.file("x").c_str());
+  vorx_tmu_set_mode(x, vorx_tmu_mode_ring);
+  ASSERT_EQ(x->pool.buffs[0].size, 1u << 20);
+  vorx_tmu_t *y = c->alloc(c, vorx_tmu_per_process, dir.file("y").c_str());
+  EXPECT_EQ(x->pool.buffs[0].size, 1u << 20);
+  EXPECT_EQ(t->pool.buffs[0].size, 256u << 10); // equal to a's buffers, fewer switches
+  EXPECT_EQ(y->pool.buffs[0].size, 128u << 10);
+
+  for (vorx_tmu_t *u : {a, t, p, x, y}) c->free_unit(c, u);
 }

@@ -151,7 +151,8 @@ static void resize(vorx_tmu_t *tmu, vorx_u32_t size)
   vorx_mutex_lock(&tmu->buffer_lock);
   vorx_mutex_lock(&tmu->spill_lock);
   if (tmu->mode == vorx_tmu_mode_ring) {
-    for (vorx_u32_t i = 0; i < tmu->pool.buf_num; i++) {
+    /* Only growth: a ring keeps its history, and a smaller block could not hold it. */
+    for (vorx_u32_t i = 0; i < tmu->pool.buf_num && size > tmu->pool.buffs[i].size; i++) {
       vorx_tmu_buffer_t *b = &tmu->pool.buffs[i];
       vorx_u32_t used = (vorx_u32_t)(b->write_ptr - b->head);
       vorx_u8_t *head = realloc(b->head, size);
