@@ -8,6 +8,7 @@ mkdir -p "$work"
 cd "$work" || exit 1
 failures=0
 skipped=0
+sweep_switches=${SWEEP_SWITCHES:-}
 
 is_i386() { file -L "$1" 2>/dev/null | grep -q "ELF 32-bit.*Intel 80386"; }
 
@@ -17,7 +18,8 @@ compare() {
   shift
   "$@" > "$name.plain" 2> "$name.plain.err"
   local plain_rc=$?
-  "$kel" -t "$tool" -o "$name.probes" -- "$@" > "$name.probed" 2> "$name.probed.err"
+  rm -f "$name.probes"
+  "$kel" -t "$tool" -o "$name.probes" $sweep_switches -- "$@" > "$name.probed" 2> "$name.probed.err"
   local probed_rc=$?
   if [ $plain_rc -ne $probed_rc ] || ! cmp -s "$name.plain" "$name.probed"; then
     echo "FAIL $name: exit $plain_rc alone, $probed_rc under the engine; output differs:"
@@ -80,7 +82,7 @@ with tempfile.TemporaryDirectory() as tmp:
 PY
 compare python "$py_embed" "$python_code"
 
-echo "libc routines under probes (from the last run):"
+echo "routines under probes in the python run, by image:"
 cat python.probes 2>/dev/null
 [ $failures -eq 0 ] || exit 1
 exit 0

@@ -14,6 +14,7 @@
 namespace {
 
 KNOB<std::string> knob_output(KNOB_MODE_WRITEONCE, "keltool", "o", "", "file for the probe totals");
+KNOB<BOOL> knob_all(KNOB_MODE_WRITEONCE, "keltool", "all", "0", "probe every image but the vDSO, not only libc");
 
 // A replacement that goes straight on to the trampoline: `jmp *slot`, with the slot filled once the
 // trampoline is known.
@@ -62,7 +63,7 @@ void sweep(IMG img) {
     p->slot = reinterpret_cast<uintptr_t>(trampoline);
     ++probed;
   }
-  FILE* out = knob_output.Value().empty() ? stderr : fopen(knob_output.Value().c_str(), "w");
+  FILE* out = knob_output.Value().empty() ? stderr : fopen(knob_output.Value().c_str(), "a");
   if (!out) return;
   int total_refused = 0;
   for (auto& [reason, n] : refused) total_refused += n;
@@ -72,7 +73,8 @@ void sweep(IMG img) {
 }
 
 void on_image(IMG img, void*) {
-  if (IMG_Name(img).find("/libc.so.6") != std::string::npos) sweep(img);
+  if (IMG_IsVDSO(img)) return;
+  if (knob_all.Value() || IMG_Name(img).find("/libc.so.6") != std::string::npos) sweep(img);
 }
 
 }  // namespace
