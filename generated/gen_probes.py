@@ -27,6 +27,9 @@ WRAPPED_KINDS = set(KINDS) - {'none', 'event_only'}
 # Libraries whose functions moved into libc.so.6 (glibc 2.34 and later): the stubs that remain export nothing.
 MOVED_INTO_LIBC = ('libpthread.so', 'libdl.so', 'librt.so')
 BITMAP_BITS = 576
+# Parameter names become fields __<name>: these would collide with the compiler's own words.
+RESERVED_NAMES = {'int', 'long', 'char', 'short', 'unsigned', 'signed', 'void', 'const', 'struct', 'attribute',
+                  'asm', 'typeof', 'extension', 'restrict', 'inline', 'label', 'volatile', 'result', 'none'}
 WRAPPER_FILES = 3
 
 
@@ -166,7 +169,11 @@ class Description:
             if not pm:
                 self._fail(line_no, 'parameter "%s" needs a type and a name' % p)
             size, spelling = self._type(line_no, pm.group(1))
-            params.append(Param(pm.group(1), pm.group(2), size, spelling))
+            pname = pm.group(2)
+            base = pm.group(1).replace('*', ' ').split()[-1]
+            if (pname == base and 'struct' not in pm.group(1)) or pname in RESERVED_NAMES or pname in self.types:
+                self._fail(line_no, 'parameter "%s" needs a name of its own (it becomes the field __%s)' % (p, pname))
+            params.append(Param(pm.group(1), pname, size, spelling))
         if ret != 'void':
             self._type(line_no, ret)
         return Function(line_no, int(pid), name, kind, modules, collections, attrs, ret, params)
@@ -243,11 +250,12 @@ def write_ids(desc, layout, out):
              'typedef enum vorx_probe_id {']
     lines += ['    vorx_pi_%s = %d,' % (fn.cname, fn.id) for fn in fns]
     lines += ['    vorx_pi_eof = %d' % len(fns), '} vorx_probe_id_t;', '',
-              'enum { vorx_st_paused = 0, vorx_st_resumed = 1, vorx_st_eof = 2 };',
+              '/* States (vorx_st_paused 0, vorx_st_resumed 1, vorx_st_eof 2) come with the configuration. */',
               'enum { vorx_or_pre = 0, vorx_or_post = 1, vorx_or_eof = 2 };',
+              '#define VORX_PROBE_STATES 2',
               '#define VORX_PROBE_ROWS %d' % layout.rows,
               '#define VORX_PT_ID_ENTRIES %d' % len(layout.pt_id),
-              '#define VORX_CALLBACK_ENTRIES (vorx_or_eof * vorx_st_eof * vorx_pi_eof)',
+              '#define VORX_CALLBACK_ENTRIES (vorx_or_eof * VORX_PROBE_STATES * vorx_pi_eof)',
               '#define VORX_PROBE_BITMAP_BITS %d' % BITMAP_BITS,
               '#define VORX_COLLECTION_EOF %d' % len(COLLECTIONS),
               '#define VORX_INSTRUMENTED_MODULES %d' % len(desc.module_names), '']
@@ -367,7 +375,7 @@ def write_params(desc, layout, out):
             fields.append('%s __result;' % desc.spelling(fn.ret))
         if not fields:
             fields = ['char __none;']
-        L.append('typedef struct vorx_params_%s { %s } __attribute__((packed)) vorx_params_%s_t;' % (
+        L.append('typedef struct vorx_params_%s { %s } vorx_params_%s_t;' % (
             fn.cname, ' '.join(fields), fn.cname))
     L.append('')
     L.append('typedef union vorx_probe_params {')
@@ -375,7 +383,36 @@ def write_params(desc, layout, out):
         if fn.wrapped:
             L.append('    vorx_params_%s_t u_%s;' % (fn.cname, fn.cname))
     L.append('} vorx_probe_params_t;')
+    L.append(PROBE_DATA)
     out['vorx_probe_params.h'] = '\n'.join(L) + '\n'
+
+
+PROBE_DATA = '''
+/* What a wrapper keeps on its stack and hands to every callback beside the workspace. */
+typedef struct vorx_probe_locals {
+    unsigned int state;          /* vorx_st_resumed or vorx_st_paused at entry; 2 until read */
+    void* context;               /* the caller's registers, taken into the wrapper's frame */
+    void* stack_args;            /* the first argument on the caller's stack */
+    unsigned int stack_policy;   /* 2 full stack, 1 a cheaper one for a short wait, 0 none */
+    unsigned int mod;            /* the row's module index and version index */
+    unsigned int ver;
+    unsigned int last_probe_id;  /* this wrapper's id; vorx_pi_eof marks a record that is no real call */
+    unsigned char wait_started;
+    unsigned char contention_started;
+    unsigned char to_aux_tmu;    /* 1: records go to aux_tmu, 0: to master_tmu */
+    unsigned char sampled;
+    unsigned char contended;
+    unsigned long long enter_time;
+    unsigned long long leave_time;
+    unsigned int reserved;
+} vorx_probe_locals_t;
+
+typedef struct vorx_probe_data {
+    vorx_probe_params_t params;
+    vorx_probe_locals_t locals;
+    struct vorx_probe_data* next_wait;  /* the thread's stack of incomplete waits */
+} vorx_probe_data_t;
+'''
 
 
 def attr_expr(fn, text, result='p.__result'):
@@ -397,69 +434,128 @@ def write_wrappers(desc, layout, out):
         chunks[k * WRAPPER_FILES // len(fns)].append(fn)
     for k, chunk in enumerate(chunks):
         L = [banner(desc.path), '#include "wrapper_template.h"', '']
+        # wrappers of other files that this one dispatches to
+
         for fn in chunk:
             L += traits(desc, fn)
             for m in range(len(layout.modules[fn.id])):
                 for v in range(fn.versions):
-                    L += wrapper(desc, fn, m, v)
+                    L += wrapper(desc, fn, m, v, layout)
             L.append('')
         out['vorx_wrappers_%d.cpp' % k] = '\n'.join(L) + '\n'
 
 
 def traits(desc, fn):
-    """The compile-time description of fn that the one template reads."""
+    """The compile-time description of fn that the one template (wrapper_template.h) reads."""
     a = fn.attrs
     args = ', '.join('p.__%s' % p.name for p in fn.params)
     ret = desc.spelling(fn.ret)
-    call = ('p.__result = ((vorx_%s_call_t)fn)(%s);' % (fn.cname, args)) if fn.ret != 'void' else \
-        ('((vorx_%s_call_t)fn)(%s);' % (fn.cname, args))
+    cast = '((vorx_%s_call_t)fn)(%s)' % (fn.cname, args)
     timeout_kind, _, timeout_param = a.get('timeout', '').partition(':')
+    via, _, via_number = a.get('via', '').partition(':')
+    names = [p.name for p in fn.params]
+    for attr in ('trylock',):
+        if attr in a and a[attr] not in desc.by_name:
+            raise DescError('%s: %s=%s names no function' % (fn.name, attr, a[attr]))
+    if via and via not in desc.by_name:
+        raise DescError('%s: via=%s names no function' % (fn.name, via))
+    if timeout_param and timeout_param not in names:
+        raise DescError('%s: %s has no parameter %s' % (fn.name, fn.name, timeout_param))
+    sleep_unit = 0
+    if via == 'nanosleep':
+        sleep_unit = 1 if fn.name == 'sleep' else 2
+    b = lambda x: 'true' if x else 'false'
     L = ['struct vorx_traits_%s {' % fn.cname,
          '    using params_t = vorx_params_%s_t;' % fn.cname,
          '    using result_t = %s;' % ret,
          '    static constexpr unsigned id = vorx_pi_%s;' % fn.cname,
          '    static constexpr unsigned versions = %d;' % fn.versions,
          '    static constexpr vorx::kind kind = vorx::kind::%s;' % fn.kind,
-         '    static constexpr bool to_aux = %s;' % ('true' if fn.to_aux else 'false'),
-         '    static constexpr bool contention = %s;' % ('true' if 'contention' in a else 'false'),
+         '    static constexpr bool to_aux = %s;' % b(fn.to_aux),
+         '    static constexpr bool contention = %s;' % b('contention' in a),
          '    static constexpr vorx::wakes wakes = vorx::wakes::%s;' % (a.get('wakes') or 'none'),
          '    static constexpr vorx::thin thin = vorx::thin::%s;' % (a.get('thin') or 'none'),
          '    static constexpr vorx::timeout timeout = vorx::timeout::%s;' % (timeout_kind or 'none'),
-         '    static constexpr unsigned via = %s;' % ('vorx_pi_%s' % a['via'] if 'via' in a else 'vorx_pi_eof'),
+         '    static constexpr bool eintr_is_result = %s;' % b(a.get('eintr') == 'result'),
+         '    static constexpr int sleep_unit = %d;  // 1: seconds, 2: microseconds, through nanosleep' % sleep_unit,
+         '    static constexpr long via_syscall = %s;' % (via_number or '0'),
          '    static constexpr unsigned trylock = %s;' % ('vorx_pi_%s' % a['trylock'] if 'trylock' in a else 'vorx_pi_eof'),
-         '    static constexpr bool heap_page_rounded = %s;' % ('true' if 'hpage' in a else 'false'),
-         '    static void call(void* fn, params_t& p) { %s }' % call]
-    first = fn.params[0].name if fn.params else None
-    L.append('    static void* object(const params_t& p) { return %s; }' % (
-        '(void*)(unsigned long)p.__%s' % first if first and fn.params[0].size == 4 else '(void*)0'))
+         '    static constexpr bool heap_page_rounded = %s;' % b('hpage' in a),
+         '    static constexpr bool heap_sized = %s;' % b('hsize' in a),
+         '    static constexpr bool heap_frees = %s;' % b('hfree' in a),
+         '    static constexpr const char* name = "%s";' % fn.name,
+         '    static params_t& in(vorx_probe_data_t& d) { return d.params.u_%s; }' % fn.cname]
     if fn.ret != 'void':
-        L.append('    static result_t result(const params_t& p) { return p.__result; }')
+        L.append('    static void call(void* fn, params_t& p) { p.__result = %s; }' % cast)
     else:
-        L.append('    static void result(const params_t&) {}')
+        L.append('    static void call(void* fn, params_t& p) { %s; }' % cast)
+    if via_number:
+        sys_args = ', '.join(['%sL' % via_number] + ['(long)p.__%s' % n for n in names] +
+                             ['0L'] * (7 - len(names)))
+        L.append('    static void call_syscall(void* fn, params_t& p) { p.__result = ((vorx_syscall_call_t)fn)(%s); }'
+                 % sys_args)
+    first = fn.params[0] if fn.params else None
+    L.append('    static void* object(const params_t& p) { return %s; }' % (
+        '(void*)(unsigned long)p.__%s' % first.name if first and first.size == 4 else '(void*)0'))
     if timeout_param:
         L.append('    static auto& timeout_arg(params_t& p) { return p.__%s; }' % timeout_param)
+    if sleep_unit:
+        L.append('    static unsigned long long sleep_amount(const params_t& p) { return p.__%s; }' % names[0])
     if fn.kind == 'heap':
         L.append('    static unsigned long long heap_size(const params_t& p) { return %s; }' % (
-            '(unsigned long long)(%s)' % attr_expr(fn, a['hsize']) if 'hsize' in a else '~0ull'))
+            '(unsigned long long)(%s)' % attr_expr(fn, a['hsize']) if 'hsize' in a else '0'))
         L.append('    static void* heap_object(const params_t& p) { return %s; }' % (
-            '(void*)(unsigned long)(%s)' % attr_expr(fn, a.get('hobj', '{ret}')) if ('hsize' in a or 'hobj' in a) else '(void*)0'))
+            '(void*)(unsigned long)(%s)' % attr_expr(fn, a.get('hobj', '{ret}')) if 'hsize' in a else '(void*)0'))
         L.append('    static void* heap_released(const params_t& p) { return %s; }' % (
             '(void*)(unsigned long)(%s)' % attr_expr(fn, a['hfree']) if 'hfree' in a else '(void*)0'))
+    if fn.kind == 'replaced':
+        # weak: without its owning subsystem linked in, the call goes to the original unchanged
+        L.insert(0, 'extern "C" __attribute__((weak)) void vorx_%s_wrapper(struct vorx_workspace* wsp, '
+                    'vorx_probe_data_t* data, void* trampoline);' % fn.cname)
+        L.append('    static bool replaced(struct vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {')
+        L.append('        if (!vorx_%s_wrapper) return false;' % fn.cname)
+        L.append('        vorx_%s_wrapper(wsp, data, trampoline);' % fn.cname)
+        L.append('        return true;')
+        L.append('    }')
+    if a.get('thin') == 'getenv':
+        L.append('    static const char* env_name(const params_t& p) { return p.__%s; }' % names[0])
     L.append('};')
     return L
 
 
-def wrapper(desc, fn, mod, ver):
+WRAPPER = """extern "C" VORX_WRAPPER_EXPORT {ret} {name}({params}) {{
+    // not started: straight on, with the arguments as they came
+    if (__builtin_expect(!vorx::glue::rtl_initialized(), 0))
+        return (({cname_t})vorx_probe_row({id}, {versions}, {mod}, {ver})->trampoline)({args});
+    vorx_traits_{cname}::params_t p{{{args}}};
+    {ret_kw}vorx::wrap<vorx_traits_{cname}, {mod}, {ver}>(p);
+}}"""
+
+
+def wrapper(desc, fn, mod, ver, layout):
     name = wrapper_name(fn, mod, ver)
-    ret = desc.spelling(fn.ret)
     args = ', '.join('__%s' % p.name for p in fn.params)
-    init = ', '.join('__%s' % p.name for p in fn.params)
-    body = ['extern "C" VORX_WRAPPER_EXPORT %s %s(%s) {' % (ret, name, c_params(fn)),
-            '    vorx_traits_%s::params_t p{%s};' % (fn.cname, init),
-            '    %svorx::wrap<vorx_traits_%s>(p, %d, %d);' % ('return ' if fn.ret != 'void' else '', fn.cname, mod, ver),
-            '}']
-    # thin syscall: futex is reached by number from the same module and version
-    return body
+    text = WRAPPER.format(ret=desc.spelling(fn.ret), name=name, params=c_params(fn), cname=fn.cname,
+                          cname_t='vorx_%s_call_t' % fn.cname, id='vorx_pi_%s' % fn.cname, versions=fn.versions,
+                          mod=mod, ver=ver, args=args, ret_kw='return ' if fn.ret != 'void' else '')
+    if fn.attrs.get('thin') == 'syscall':
+        text = syscall_dispatch(desc, fn, mod, ver, layout) + text
+    return text.split('\n')
+
+
+def syscall_dispatch(desc, fn, mod, ver, layout):
+    """The syscall wrapper hands a futex call to the futex wrapper of the same module and version."""
+    futex = next((f for f in desc.functions if f.attrs.get('via', '').startswith('syscall:')), None)
+    if futex is None:
+        raise DescError('%s: thin=syscall needs a function with via=syscall:<n>' % fn.name)
+    m = mod if mod < len(layout.modules[futex.id]) else 0
+    v = ver if ver < futex.versions else 0
+    number = futex.attrs['via'].partition(':')[2]
+    fargs = ', '.join('(%s)p.__%s' % (q.spelling, fn.params[k + 1].name) for k, q in enumerate(futex.params))
+    return ('extern "C" %s %s(%s);\n' % (desc.spelling(futex.ret), wrapper_name(futex, m, v), c_params(futex)) +
+            'template <> inline long vorx::futex_dispatch<vorx_traits_%s, %d, %d>(vorx_traits_%s::params_t& p) {\n'
+            '    return p.__%s == %s ? %s(%s) : vorx::futex_not_taken;\n}\n' % (
+                fn.cname, mod, ver, fn.cname, fn.params[0].name, number, wrapper_name(futex, m, v), fargs))
 
 
 def generate(desc_path, out_dir, documented_layout=False, with_wrappers=True):

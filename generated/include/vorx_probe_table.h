@@ -78,7 +78,8 @@ static inline int vorx_probe_bitmap_test(const vorx_probe_bitmap_t* map, unsigne
     return (map->words[id / 32] >> (id % 32)) & 1u;
 }
 
-/* Index in a callback table of 2240 entries: state is vorx_st_*, order 0 before the original, 1 after. */
+/* Index in a callback table of 2240 entries: state is vorx_st_paused 0 or vorx_st_resumed 1, order 0 before
+ * the original, 1 after. */
 #define VORX_CALLBACK_INDEX(id, state, order) ((((id) * 2u) + (state)) * 2u + (order))
 
 /* Collection index (0 to 14) to its bitmaps; null out of range. */

@@ -46,7 +46,7 @@ int mod_index_of(unsigned id, const char* name) {
 TEST(ProbeIds, DenseWithTheCatalogueAnchors) {
     EXPECT_EQ(vorx_pi_eof, 560);
     EXPECT_EQ(VORX_CALLBACK_ENTRIES, 2240);
-    EXPECT_EQ(VORX_CALLBACK_INDEX(559, vorx_st_resumed, vorx_or_post), 2239u);
+    EXPECT_EQ(VORX_CALLBACK_INDEX(559, 1, vorx_or_post), 2239u);
     EXPECT_EQ(vorx_pi_epoll_pwait, 128);
     EXPECT_EQ(vorx_pi___ozk_sync_cancel, 110);
     EXPECT_EQ(vorx_pi___ozk_pause, 102);
