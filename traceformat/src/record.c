@@ -68,6 +68,7 @@ static uint32_t tf_arg_size(const tf_arg_t *a)
 {
   switch (a->kind) {
   case TF_ARG_SCALAR:
+    TF_ASSERT(a->vrbl_type <= 8); /* the value itself stands in the argument */
     return a->vrbl_type;
   case TF_ARG_ARRAY:
     if (a->count == -1) {
@@ -99,17 +100,9 @@ static uint32_t tf_put_scalar(uint8_t *d, uint32_t width, uint64_t v)
   case 2: tf_st16(d, (uint16_t)v); break;
   case 4: tf_st32(d, (uint32_t)v); break;
   case 8: tf_st64(d, v); break;
-  default: tf_put_bytes(d, &v, width <= 8 ? width : 8); break;
+  default: tf_put_bytes(d, &v, width); break; /* odd widths: the low bytes, little-endian */
   }
   return width;
-}
-
-/* Elements behind a pointer: the usual widths are read as their type, others block-copied. */
-static uint32_t tf_put_elements(uint8_t *d, uint32_t width, uint32_t count, const void *src)
-{
-  if (width == 1 || width == 2 || width == 4 || width == 8)
-    return tf_put_bytes(d, src, width * count);
-  return tf_put_bytes(d, src, width * count);
 }
 
 uint32_t tf_args_encode(uint8_t *d, uint8_t version, const tf_arg_t *args)
@@ -129,10 +122,10 @@ uint32_t tf_args_encode(uint8_t *d, uint8_t version, const tf_arg_t *args)
       uint32_t count = p ? (uint32_t)a->count : 0;
       tf_st32(d + pos, count);
       pos += 4;
-      pos += tf_put_elements(d + pos, a->vrbl_type, count, p);
+      pos += tf_put_bytes(d + pos, p, a->vrbl_type * count);
     } else {
       tf_st8(d + pos++, p ? 1 : 0);
-      if (p) pos += tf_put_elements(d + pos, a->vrbl_type, 1, p);
+      if (p) pos += tf_put_bytes(d + pos, p, a->vrbl_type);
     }
   }
   return pos;
