@@ -620,3 +620,28 @@ void vorx_register_executable_section(uint64_t section_start_addr, uint64_t sect
 }
 
 }  // extern "C"
+
+// ---------------------------------------------------------------- the runtime's entry for a loaded module
+
+#include "thread_manager.h"
+
+extern "C" {
+
+// The record of a newly registered module goes to the global unit, which only the runtime knows: it
+// provides this hook (it is called with the global block locked).
+void vorx_put_registered_module(void* global, const char* name, uint64_t start, uint64_t end) __attribute__((weak));
+
+void vorx_register_module(const char* name, uint64_t start, uint64_t end) {
+    VORX_ASSERT(name != nullptr && name[0] != 0);
+    VORX_ASSERT(start != 0 && end != 0);
+    VORX_ASSERT(g_vorx_module_map != nullptr);
+    void* global = nullptr;
+    uint32_t locked = vorx_thread_manager_lock_global(g_vorx_thread_manager, &global);
+    if (locked == vorx_thread_manager_op_err_closed || locked == vorx_thread_manager_op_err_empty) return;
+    VORX_ASSERT(locked == vorx_thread_manager_op_err_ok);
+    g_vorx_module_map->ops->add_module(g_vorx_module_map, name, start, end, 0);
+    if (vorx_put_registered_module) vorx_put_registered_module(global, name, start, end);
+    vorx_thread_manager_unlock_global(g_vorx_thread_manager);
+}
+
+}  // extern "C"

@@ -124,6 +124,10 @@ uint32_t vorx_module_map_signal_ranges(const vorx_module_map_t* map, vorx_range_
 extern vorx_range_t g_vorxtool_address_range;
 extern vorx_range_t g_kelvm_address_range;
 
+/* Runtime entry: a module loaded after start-up. Under the thread manager's global lock: the module goes
+ * into the map and its record is written through vorx_put_registered_module (the runtime's hook). Nothing
+ * happens once the collector has closed. */
+void vorx_register_module(const char* name, uint64_t start, uint64_t end);
 /* Runtime entry: a newly found executable section of a loaded image (flag 1). */
 void vorx_register_executable_section(uint64_t section_start_addr, uint64_t section_end_addr);
 

@@ -242,3 +242,40 @@ TEST_F(ModuleMap, LoadReadsThisProcessLayout) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------- the runtime's entry
+
+#include "thread_manager.h"
+
+namespace {
+std::vector<std::string> registered;
+vorx_u32_t global_ok(void*, void*) { return vorx_thread_manager_op_err_ok; }
+vorx_u32_t global_done(void*) { return vorx_thread_manager_op_err_ok; }
+}  // namespace
+
+extern "C" void vorx_put_registered_module(void* global, const char* name, uint64_t, uint64_t) {
+    EXPECT_NE(global, nullptr);
+    registered.emplace_back(name);
+}
+
+TEST(ModuleMapRegistration, ModulesGoInUnderTheGlobalLockOnlyWhileTheCollectorRuns) {
+    vorx_module_map_t* saved_map = g_vorx_module_map;
+    vorx_thr_mgr_t* saved_mgr = g_vorx_thread_manager;
+    g_vorx_module_map = vorx_alloc_module_map();
+    vorx_thr_mgr_t* mgr = nullptr;
+    ASSERT_EQ(vorx_thread_manager_create(&mgr, 128, global_ok, global_ok, global_done, nullptr),
+              vorx_u32_t(vorx_thread_manager_op_err_ok));
+    g_vorx_thread_manager = mgr;
+    vorx_register_module("/lib/before.so", 0x1000, 0x2000);  // no global block yet: nothing happens
+    EXPECT_EQ(vorx_module_map_module_count(g_vorx_module_map), 0u);
+    ASSERT_EQ(vorx_thread_manager_create_global(mgr), vorx_u32_t(vorx_thread_manager_op_err_ok));
+    vorx_register_module("/lib/late.so", 0x3000, 0x4000);
+    EXPECT_EQ(vorx_module_map_module_count(g_vorx_module_map), 1u);
+    EXPECT_EQ(registered, std::vector<std::string>{"/lib/late.so"});
+    void* global = nullptr;
+    EXPECT_EQ(vorx_thread_manager_lock_global(mgr, &global), vorx_u32_t(vorx_thread_manager_op_err_ok));
+    vorx_thread_manager_unlock_global(mgr);  // and the lock was given back
+    g_vorx_thread_manager = saved_mgr;
+    vorx_free_module_map(g_vorx_module_map);
+    g_vorx_module_map = saved_map;
+}
