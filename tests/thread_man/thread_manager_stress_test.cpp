@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <chrono>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -20,6 +22,7 @@ constexpr int kEntersPerLife = 3000;
 struct Load {
   vorx_thr_mgr_t* mgr;
   std::atomic<bool> stop{false};
+  std::atomic<bool> workers_may_stop{false};  // until then workers keep living
   std::atomic<long> caught{0}, walked{0};
 };
 
@@ -27,7 +30,7 @@ struct Load {
 void worker_body(Load* load) {
   vorx_thr_mgr_t* m = load->mgr;
   vorx_u32_t tid = gettid_now();
-  for (int life = 0; life < kLivesPerWorker; ++life) {
+  for (int life = 0; life < kLivesPerWorker || !load->workers_may_stop; ++life) {
     vorx_thread_manager_reserve(m);
     vorx_u32_t reg = vorx_thread_manager_register(m, tid, nullptr);
     if (reg == vorx_thread_manager_op_err_closed) {
@@ -136,6 +139,12 @@ class ManagerStressTest : public ManagerTest {
     std::vector<std::thread> workers;
     for (int i = 0; i < kWorkers; ++i) workers.emplace_back(worker_body, &load_);
     middle();
+    // Let the samplers meet the workers before the workers may end.
+    for (int i = 0; i < 500 && (load_.caught < 100 || load_.walked < 100) &&
+                    mgr_->state == vorx_thr_mgr_st_threads_enabled;
+         ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    load_.workers_may_stop = true;
     for (auto& w : workers) w.join();
     load_.stop = true;
     for (auto& t : threads) t.join();

@@ -681,6 +681,9 @@ vorx_u32_t vorx_thread_manager_create(vorx_thr_mgr_t** out, vorx_u32_t global_si
   m->free_global = free_global;
   m->complete_global = complete_global;
   m->state = vorx_thr_mgr_st_created;
+  /* Read without the state mutex by enter and the quick refusals of register
+   * and unregister, which test again under the mutex. */
+  VORX_TM_SYNC_WORD(&m->state);
   *out = m;
   if (options) return vorx_thread_manager_enable_threads(m, options);
   return kOk;
