@@ -15,6 +15,7 @@
 #include "options.hpp"
 #include "process_table.hpp"
 #include "run_server.hpp"
+#include "vorx_client.h"
 #include "vorx_comm.h"
 
 using namespace vorx::server;
@@ -225,6 +226,60 @@ TEST_F(Server, AnAbsurdFrameLengthIsRefused) {
   auto lines = sink.wait_lines(1);
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("4294967280 bytes"), std::string::npos);
+}
+
+// The collector's own client against the real server: every operation
+// gets the answer the client expects, and the server keeps track.
+class ClientAgainstServer : public Server {
+ protected:
+  void SetUp() override {
+    id = (uint32_t)getpid() % 100000u + 1900000000u + unique_id() % 100u;
+    Server::SetUp();
+    client = vorx_alloc_client(server->name().c_str());
+  }
+  void TearDown() override { vorx_free_client(client); }
+  vorx_client *client = nullptr;
+};
+
+TEST_F(ClientAgainstServer, EveryOperationIsAnswered) {
+  server->set_root_pid(getpid());
+  Allocator alloc;
+  void *packet = nullptr;
+  vorx_size_t length = 0;
+  ASSERT_EQ(client->ops->get_configuration(client, &packet, &length, alloc.get()), vorx_er_success);
+  vorx_configuration_packager *packager = vorx_alloc_configuration_packager();
+  vorx_configuration *conf = packager->ops->unpack(packager, packet, length);
+  ASSERT_NE(conf, nullptr);
+  EXPECT_TRUE(conf->is_root_process);
+  vorx_free_configuration(conf);
+  vorx_free_configuration_packager(packager);
+
+  EXPECT_EQ(vorx_client_notify(client, vorx_command_ready), vorx_er_success);
+  EXPECT_TRUE(processes.find(getpid())->ready);
+  EXPECT_EQ(client->ops->notify_new_process(client, (uint32_t)getpid(), 54321), vorx_er_success);
+  EXPECT_TRUE(processes.find(54321)->announced);
+  EXPECT_EQ(processes.find(54321)->parent, getpid());
+  EXPECT_EQ(client->ops->change_profiling_state(client, "Resume"), vorx_er_success);
+  char *symbols = nullptr;
+  Allocator text_alloc;
+  EXPECT_EQ(client->ops->load_symbol_file(client, "/no/such/binary", &symbols, text_alloc.get()),
+            vorx_er_success);
+  EXPECT_STREQ(symbols, "/no/such/binary");
+  EXPECT_EQ(client->ops->log_message(client, "<?xml ?><msg name='36'></msg>", 29, vorx_severity_error),
+            vorx_er_success);
+  EXPECT_EQ(vorx_client_notify(client, vorx_command_end), vorx_er_success);
+  EXPECT_TRUE(processes.find(getpid())->ended);
+  auto lines = sink.wait_lines(2);
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "error: Cannot notify server about process spawning."),
+            lines.end());
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "note: the program asks to Resume the collection"),
+            lines.end());
+}
+
+TEST_F(ClientAgainstServer, AStoppedServerIsAConnectionFailure) {
+  server->stop();
+  EXPECT_EQ(vorx_client_notify(client, vorx_command_ready), vorx_er_connection_failure);
+  EXPECT_EQ(client->ops->log_message(client, "x", 1, vorx_severity_info), vorx_er_connection_failure);
 }
 
 TEST(ProcessTable, WaitsForOpenCollectionsAndAnnouncedProcesses) {
