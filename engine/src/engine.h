@@ -145,6 +145,7 @@ uintptr_t install_probe(uint32_t routine_index, uintptr_t address, bool internal
                         void* context, arch::Refusal* why);
 void build_branch_index(Image& image);  // once per image, under the client lock
 void disarm_all_probes();  // detach
+void forget_probes(uint32_t image_id);  // the image goes: its addresses may serve another one
 void close_image_code(Image& image);  // end of a load event: the code is read-only again
 void* allocate_code(size_t size);
 

@@ -356,6 +356,11 @@ uintptr_t install_probe(uint32_t routine_index, uintptr_t address, bool internal
   return p.trampoline;
 }
 
+void forget_probes(uint32_t image_id) {
+  for (auto it = probes().begin(); it != probes().end();)
+    it = it->second.image == image_id ? probes().erase(it) : std::next(it);
+}
+
 void disarm_all_probes() {
   for (auto& [address, p] : probes()) {
     if (!tables().images[p.image - 1].valid) continue;

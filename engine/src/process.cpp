@@ -122,6 +122,7 @@ void on_image_loaded(uint32_t id) {
 void on_image_unloading(uint32_t id) {
   LEVEL_KELCLIENT::KEL_LockClient();
   if (!g_detached && tables().images[id - 1].valid) report_image(id, callbacks().image_unload);
+  forget_probes(id);
   invalidate_image(id);
   LEVEL_KELCLIENT::KEL_UnlockClient();
 }
@@ -185,12 +186,17 @@ extern "C" __attribute__((visibility("default"))) int kel_execve_hook(const char
     ApplicationErrnoGuard keep;
     LEVEL_KELCLIENT::KEL_LockClient();
     auto& list = callbacks().follow_child;
-    if (!list.empty() && !g_detached && path && can_follow(path)) {
+    // The tool hears of every exec, also one it cannot follow: its process image is about to go.
+    if (!list.empty() && !g_detached && path) {
       int argc = 0;
       while (argv && argv[argc]) ++argc;
       LEVEL_KELCLIENT::KEL_CHILD_PROCESS child{path, argc, argv};
       follow = true;
       for (auto& r : list) follow = r.fn(&child, r.arg) && follow;
+      if (follow && !can_follow(path)) {
+        follow = false;
+        log_line(1, "not following into %s: not a program of this engine's architecture", path);
+      }
     }
     LEVEL_KELCLIENT::KEL_UnlockClient();
   }

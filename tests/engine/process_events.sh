@@ -21,16 +21,20 @@ for follow in 1 0; do
   log=$work/events.$follow.log
   rm -f "$log"
   echo "== follow $follow"
-  if ! "$kel" -t "$tool" -log "$log" -follow $follow -- "$app" "$plugin"; then
+  if ! "$kel" -t "$tool" -log "$log" -follow $follow -- "$app" "$plugin" 2> "$work/stderr.$follow"; then
     echo "FAIL the program failed under the engine"
     failures=$((failures + 1))
   fi
   expect "$log" "tool main in the first process" "^[0-9]+ tool main$" $((1 + 2 * follow))
-  expect "$log" "dlopen reported" " load libkel_test_plugin.so$" 1
-  expect "$log" "dlclose reported" " unload libkel_test_plugin.so$" 1
-  expect "$log" "fork before (twice)" " fork before$" 2
-  expect "$log" "fork after in parent" " fork parent child=[0-9]+$" 2
-  expect "$log" "fork after in child" " fork child$" 2
+  expect "$log" "dlopen reported" " load libkel_test_plugin.so$" 2
+  expect "$log" "dlclose reported" " unload libkel_test_plugin.so$" 2
+  expect "$log" "plugin probed at each load" " probe plugin_sum set$" 2
+  expect "$log" "plugin probe called at each load" " call plugin_sum$" 2
+  expect "$log" "fork before" " fork before$" 3
+  expect "$log" "fork after in parent" " fork parent child=[0-9]+$" 3
+  expect "$log" "fork after in child" " fork child$" 3
+  expect "$log" "exec of a 64-bit program reported" " exec follow=$follow argc=1: true$" 1
+  expect "$work/stderr.$follow" "no loader complaint in children" "ELFCLASS|cannot be loaded" 0
   expect "$log" "exec decisions (execl, posix_spawn)" " exec follow=$follow argc=2: .* child-mode$" 2
   expect "$log" "libc seen by engine in exec'd children" " load libc.so.6$" $((1 + 2 * follow))
 done

@@ -35,8 +35,20 @@ void event(const char* format, ...) {
 
 std::string base_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
+// The plugin's function gets a probe at each load; an address reused by a later load must be probed anew.
+int (*g_plugin_sum)(int) = nullptr;
+int plugin_sum_probe(int n) {
+  event("call plugin_sum");
+  return g_plugin_sum(n);
+}
+
 void on_load(IMG img, void*) {
   event("load %s%s", base_name(IMG_Name(img)).c_str(), IMG_IsMainExecutable(img) ? " (main)" : "");
+  RTN sum = RTN_FindByName(img, "plugin_sum");
+  if (RTN_Valid(sum)) {
+    g_plugin_sum = reinterpret_cast<int (*)(int)>(RTN_ReplaceProbed(sum, reinterpret_cast<AFUNPTR>(plugin_sum_probe)));
+    event("probe plugin_sum %s", g_plugin_sum ? "set" : RTN_ProbeRefusalReason(sum, PROBE_MODE_DEFAULT));
+  }
 }
 void on_unload(IMG img, void*) { event("unload %s", base_name(IMG_Name(img)).c_str()); }
 void on_fork_before(UINT32, void*) { event("fork before"); }
