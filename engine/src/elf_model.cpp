@@ -54,6 +54,8 @@ class ElfReader {
     if (!read_sections(*eh, model)) return fail(error, "section headers out of bounds");
     read_dynamic(model);
     read_versions();
+    // Entries of .symtab that .dynsym already gave are dropped; without a .symtab there is nothing to match.
+    remember_dynamic_ = section_named(".symtab", *model) != nullptr;
     read_symbols(".dynsym", true, model);
     read_symbols(".symtab", false, model);
     return true;
@@ -205,7 +207,7 @@ class ElfReader {
       sym.dynamic = dynamic;
       if (versyms) apply_version(versyms[i], &sym);
       if (dynamic) {
-        seen_.insert({plain_name(sym.name), sym.value});
+        if (remember_dynamic_) seen_.insert({plain_name(sym.name), sym.value});
       } else if (seen_.count({sym.name, sym.value})) {
         continue;  // the .dynsym entry already says it, with its version
       }
@@ -231,6 +233,7 @@ class ElfReader {
   unsigned shnum_ = 0;
   const typename L::Shdr* versym_sh_ = nullptr;
   std::map<unsigned, std::string> version_names_;
+  bool remember_dynamic_ = false;
   std::set<std::pair<std::string, uint64_t>> seen_;
 };
 
