@@ -1,0 +1,242 @@
+// Module-load probing seen from a 32-bit program running under the engine with
+// the probing test tool: which rows of the probe table were filled, which
+// functions really run through a wrapper, when the start-up gates ran, and what
+// was reported. The program asks the tool through probing_tool_query, which the
+// tool replaces; run without the tool, every test fails with "no tool".
+#include <dlfcn.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/auxv.h>
+
+#include <cstdint>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+extern "C" {
+__attribute__((noinline, used, visibility("default"))) int probing_tool_query(const char *question, char *answer,
+                                                                             int size) {
+  return snprintf(answer, size, "no tool: %s", question);
+}
+int getw(FILE *);  // the program's own, in probing_getw.S
+int probing_lib_function(int x);
+}
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+__attribute__((constructor)) void exe_constructor() {
+  char ignored[8];
+  probing_tool_query("mark exe constructor", ignored, sizeof ignored);
+}
+
+__attribute__((format(printf, 1, 2))) std::string ask(const char *format, ...) {
+  char question[256], answer[8192];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(question, sizeof question, format, args);
+  va_end(args);
+  probing_tool_query(question, answer, sizeof answer);
+  return answer;
+}
+
+struct Row {
+  uintptr_t trampoline = 0, original = 0;
+  int is_dynamic = -1;
+  std::string module;
+  bool filled() const { return original != 0; }
+  bool probed() const { return filled() && trampoline != original; }
+};
+
+Row row(const char *fn, const char *module, unsigned ver) {
+  std::string text = ask("row %s %s %u", fn, module, ver);
+  Row r;
+  unsigned long t, o;
+  EXPECT_EQ(sscanf(text.c_str(), "%lx %lx %d", &t, &o, &r.is_dynamic), 3) << fn << " in " << module << ": " << text;
+  r.trampoline = t, r.original = o, r.module = module;
+  return r;
+}
+
+Row head(const char *fn) {
+  std::string text = ask("head %s", fn);
+  Row r;
+  unsigned long t, o;
+  char module[96] = "";
+  EXPECT_EQ(sscanf(text.c_str(), "%lx %lx %95s %d", &t, &o, module, &r.is_dynamic), 4) << fn << ": " << text;
+  r.trampoline = t, r.original = o, r.module = module;
+  return r;
+}
+
+long hits(const char *fn, const char *module, unsigned ver) {
+  return strtol(ask("hits %s %s %u", fn, module, ver).c_str(), nullptr, 10);
+}
+
+uintptr_t symbol(const char *name) { return reinterpret_cast<uintptr_t>(dlsym(RTLD_DEFAULT, name)); }
+uintptr_t symbol(const char *name, const char *version) {
+  return reinterpret_cast<uintptr_t>(dlvsym(RTLD_DEFAULT, name, version));
+}
+
+// ------------------------------------------------------------------ probes in libc
+
+TEST(LibcProbes, ActiveFunctionRunsThroughItsWrapperOnEveryCall) {
+  Row lock = row("pthread_mutex_lock", "libc.so", 0);
+  EXPECT_TRUE(lock.probed());
+  EXPECT_EQ(lock.original, symbol("pthread_mutex_lock"));
+  EXPECT_EQ(lock.is_dynamic, 1);
+
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  long before = hits("pthread_mutex_lock", "libc.so", 0);
+  for (int i = 0; i < 1000; ++i) {
+    pthread_mutex_lock(&mutex);
+    pthread_mutex_unlock(&mutex);
+  }
+  EXPECT_EQ(hits("pthread_mutex_lock", "libc.so", 0) - before, 1000);
+
+  Row lock_head = head("pthread_mutex_lock");
+  EXPECT_EQ(lock_head.module, "libc.so");
+  EXPECT_EQ(lock_head.trampoline, lock.trampoline);
+  EXPECT_EQ(lock_head.original, lock.original);
+}
+
+TEST(LibcProbes, EmployedFunctionIsResolvedWithoutProbe) {
+  // pthread_mutex_trylock is not active: its row and head row name the function
+  // itself, and its code is left alone. Its second version is the same routine.
+  Row trylock = row("pthread_mutex_trylock", "libc.so", 0);
+  EXPECT_TRUE(trylock.filled());
+  EXPECT_EQ(trylock.trampoline, trylock.original);
+  EXPECT_EQ(trylock.original, symbol("pthread_mutex_trylock"));
+  EXPECT_NE(*reinterpret_cast<const unsigned char *>(trylock.original), 0xE9) << "a jump was written";
+  EXPECT_FALSE(row("pthread_mutex_trylock", "libc.so", 1).filled());
+
+  Row trylock_head = head("pthread_mutex_trylock");
+  EXPECT_EQ(trylock_head.module, "libc.so");
+  EXPECT_EQ(trylock_head.trampoline, trylock.original);
+
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  using trylock_fn = int (*)(pthread_mutex_t *);
+  ASSERT_EQ(reinterpret_cast<trylock_fn>(trylock_head.trampoline)(&mutex), 0);
+  EXPECT_NE(reinterpret_cast<trylock_fn>(trylock_head.trampoline)(&mutex), 0) << "the head row is not trylock";
+  pthread_mutex_unlock(&mutex);
+}
+
+TEST(LibcProbes, FunctionNeitherActiveNorEmployedIsLeftAlone) {
+  for (unsigned ver = 0; ver < 3; ++ver) EXPECT_FALSE(row("pthread_spin_lock", "libc.so", ver).filled());
+  EXPECT_FALSE(head("pthread_spin_lock").filled());
+}
+
+TEST(LibcProbes, EachSymbolVersionGetsItsOwnRowAndTrampoline) {
+  Row first = row("pthread_cond_wait", "libc.so", 0);
+  Row second = row("pthread_cond_wait", "libc.so", 1);
+  ASSERT_TRUE(first.probed());
+  ASSERT_TRUE(second.probed());
+  EXPECT_NE(first.original, second.original);
+  EXPECT_NE(first.trampoline, second.trampoline);
+  uintptr_t current = symbol("pthread_cond_wait", "GLIBC_2.3.2");
+  uintptr_t old = symbol("pthread_cond_wait", "GLIBC_2.0");
+  EXPECT_TRUE((first.original == current && second.original == old) ||
+              (first.original == old && second.original == current));
+  EXPECT_FALSE(row("pthread_cond_wait", "libc.so", 2).filled());
+  // The default version ("@@") is the one the collector calls.
+  Row cond_head = head("pthread_cond_wait");
+  EXPECT_EQ(cond_head.original, current);
+  EXPECT_EQ(cond_head.trampoline, current == first.original ? first.trampoline : second.trampoline);
+}
+
+TEST(LibcProbes, AliasesShareOneProbe) {
+  // cfree@GLIBC_2.0 is free under another name: one wrapper, one trampoline.
+  Row free_row = row("free", "libc.so", 0);
+  Row cfree_row = row("cfree", "libc.so", 0);
+  ASSERT_TRUE(free_row.probed());
+  EXPECT_EQ(cfree_row.original, free_row.original);
+  EXPECT_EQ(cfree_row.trampoline, free_row.trampoline);
+  // Two versions of _pthread_cleanup_push at one address fill one row.
+  EXPECT_TRUE(row("_pthread_cleanup_push", "libc.so", 0).filled());
+  EXPECT_FALSE(row("_pthread_cleanup_push", "libc.so", 1).filled());
+
+  long before = hits("free", "libc.so", 0) + hits("cfree", "libc.so", 0);
+  void *volatile block = malloc(64);  // volatile: the pair must not be optimised away
+  free(block);
+  EXPECT_EQ(hits("free", "libc.so", 0) + hits("cfree", "libc.so", 0) - before, 1);
+}
+
+// ------------------------------------------------------------------ the executable
+
+TEST(ExecutableProbes, RoutineTooShortIsReportedAndStaysCallable) {
+  Row exe_getw = row("getw", "exe", 0);
+  EXPECT_EQ(exe_getw.original, reinterpret_cast<uintptr_t>(&getw));
+  EXPECT_EQ(exe_getw.trampoline, exe_getw.original);
+  EXPECT_THAT(ask("reports"), HasSubstr("<arg name='func_name' value='getw' />"));
+  // What the executable exports wins over libc's copy, probed as it is.
+  EXPECT_TRUE(row("getw", "libc.so", 0).probed());
+  Row getw_head = head("getw");
+  EXPECT_EQ(getw_head.module, "exe");
+  EXPECT_EQ(getw_head.is_dynamic, 1);
+  EXPECT_EQ(getw_head.original, exe_getw.original);
+  EXPECT_EQ(getw(stdin), 0);
+}
+
+TEST(ExecutableProbes, LoadStateIsKept) {
+  unsigned long entry = 0;
+  unsigned exe_id = 0;
+  int libc = 0, libpthread = 0;
+  ASSERT_EQ(sscanf(ask("flags").c_str(), "libc=%d libpthread=%d exe_id=%u entry=%lx", &libc, &libpthread, &exe_id,
+                   &entry),
+            4);
+  EXPECT_EQ(libc, 1);
+  EXPECT_NE(exe_id, 0xFFFFFFFFu);
+  EXPECT_EQ(entry, getauxval(AT_ENTRY));
+}
+
+// ------------------------------------------------------------------ gates
+
+TEST(StartGates, LibcGateRunsWithEnvironmentBeforeAnyOtherConstructor) {
+  EXPECT_EQ(probing_lib_function(2), 7);
+  EXPECT_THAT(ask("events"), StartsWith("libc gate(loaded=1,getenv=seen-by-the-gate);"
+                                        "library constructor;"
+                                        "exe gate(argc=1,start=1);"
+                                        "exe constructor;"));
+}
+
+TEST(StartGates, OrdinaryRunReportsNoFailureForLibc) {
+  std::string reports = ask("reports");
+  EXPECT_THAT(reports, Not(HasSubstr("libc.so")));
+  EXPECT_THAT(reports, Not(HasSubstr("value='_init'")));
+  EXPECT_THAT(ask("events"), Not(HasSubstr("improperly linked")));
+}
+
+TEST(StartGates, ThreadLibraryLoadedLaterGetsItsGate) {
+  void *handle = dlopen("libpthread.so.0", RTLD_NOW);
+  ASSERT_NE(handle, nullptr) << dlerror();
+  EXPECT_THAT(ask("events"), HasSubstr("libpthread gate;"));
+  EXPECT_THAT(ask("flags"), HasSubstr("libpthread=1"));
+  EXPECT_THAT(ask("reports"), Not(HasSubstr("libpthread")));
+}
+
+// ------------------------------------------------------------------ module map and helper libraries
+
+TEST(ModuleEvents, HelperLibraryRangeAndModuleFollowLoadAndUnload) {
+  void *handle = dlopen(PROBING_HELPER_PATH, RTLD_NOW);
+  ASSERT_NE(handle, nullptr) << dlerror();
+  auto function = reinterpret_cast<uintptr_t>(dlsym(handle, "probing_helper_function"));
+  ASSERT_NE(function, 0u);
+
+  unsigned long long start = 0, end = 0;
+  ASSERT_EQ(sscanf(ask("ozknotify range").c_str(), "%llx %llx", &start, &end), 2);
+  EXPECT_LE(start, function);
+  EXPECT_GT(end, function);
+  EXPECT_THAT(ask("module %lx", static_cast<unsigned long>(function)), HasSubstr("libozknotify.so"));
+  EXPECT_EQ(ask("executable %lx", static_cast<unsigned long>(function)), "1");
+
+  ASSERT_EQ(dlclose(handle), 0);
+  EXPECT_EQ(ask("ozknotify range"), "0 0");
+  EXPECT_EQ(ask("executable %lx", static_cast<unsigned long>(function)), "0");
+}
+
+}  // namespace
