@@ -37,6 +37,24 @@ SAL_DECLARE_ASSERT_ROUTINE(vorx_deepbind)
 SAL_DEFINE_ASSERT_ROUTINE(vorx_deepbind)
 }
 
+/* Race-detector view of the layer's own locks, in checking builds only. */
+#ifdef VORX_DEEPBIND_HELGRIND
+#include <valgrind/helgrind.h>
+#define DB_LOCK_CREATED(p) ANNOTATE_RWLOCK_CREATE(p)
+#define DB_LOCK_ACQUIRED(p, w) ANNOTATE_RWLOCK_ACQUIRED(p, w)
+#define DB_LOCK_RELEASED(p, w) ANNOTATE_RWLOCK_RELEASED(p, w)
+#define DB_HAPPENS_BEFORE(p) ANNOTATE_HAPPENS_BEFORE(p)
+#define DB_HAPPENS_AFTER(p) ANNOTATE_HAPPENS_AFTER(p)
+#define DB_SYNC_WORDS(p, n) VALGRIND_HG_DISABLE_CHECKING(p, n)
+#else
+#define DB_LOCK_CREATED(p) ((void)0)
+#define DB_LOCK_ACQUIRED(p, w) ((void)0)
+#define DB_LOCK_RELEASED(p, w) ((void)0)
+#define DB_HAPPENS_BEFORE(p) ((void)0)
+#define DB_HAPPENS_AFTER(p) ((void)0)
+#define DB_SYNC_WORDS(p, n) ((void)0)
+#endif
+
 /* Checks with the exact expression text of the report. */
 #define DB_CHECK(cond, text)                                                              \
   ((cond) ? (void)0 : vorx_deepbind_assert_fail(__FILE__, __LINE__, __func__, text, "%s", ""))
@@ -139,11 +157,18 @@ struct db_sem {
 static_assert(sizeof(db_sem) <= sizeof(sem_t));
 
 void spin_acquire(db_spin* s) {
+  DB_SYNC_WORDS(s, sizeof *s);
   while (!cas(&s->word, 0, 1)) __builtin_ia32_pause();
+  DB_LOCK_ACQUIRED(s, 1);
 }
-void spin_release(db_spin* s) { __atomic_store_n(&s->word, 0, __ATOMIC_RELEASE); }
+void spin_release(db_spin* s) {
+  DB_LOCK_RELEASED(s, 1);
+  __atomic_store_n(&s->word, 0, __ATOMIC_RELEASE);
+}
 
 void mutex_setup(db_mutex* m) {
+  DB_SYNC_WORDS(m, sizeof *m);
+  DB_LOCK_CREATED(m);
   m->lock = 0;
   m->waiters = 0;
   m->spin_limit = kSpinLimit;
@@ -343,6 +368,7 @@ int vorx_db_mutex_lock(pthread_mutex_t* pm) {
       ++i;
     }
   }
+  DB_LOCK_ACQUIRED(m, 1);
   m->owner = token;
   ++m->depth;
   return 0;
@@ -357,6 +383,7 @@ int vorx_db_mutex_trylock(pthread_mutex_t* pm) {
     return 0;
   }
   if (!cas(&m->lock, 0, 1)) return kEbusy;
+  DB_LOCK_ACQUIRED(m, 1);
   m->owner = token;
   ++m->depth;
   return 0;
@@ -366,6 +393,7 @@ int vorx_db_mutex_unlock(pthread_mutex_t* pm) {
   db_mutex* m = (db_mutex*)pm;
   if (--m->depth > 0) return 0;
   m->owner = 0;
+  DB_LOCK_RELEASED(m, 1);
   __atomic_exchange_n(&m->lock, 0, __ATOMIC_RELEASE);
   if (__atomic_load_n(&m->waiters, __ATOMIC_ACQUIRE) != 0) futex_wake_one(&m->lock);
   return 0;
@@ -383,7 +411,13 @@ int vorx_db_spin_lock(pthread_spinlock_t* lock) {
   spin_acquire((db_spin*)lock);
   return 0;
 }
-int vorx_db_spin_trylock(pthread_spinlock_t* lock) { return cas(&((db_spin*)lock)->word, 0, 1) ? 0 : kEbusy; }
+int vorx_db_spin_trylock(pthread_spinlock_t* lock) {
+  db_spin* s = (db_spin*)lock;
+  DB_SYNC_WORDS(s, sizeof *s);
+  if (!cas(&s->word, 0, 1)) return kEbusy;
+  DB_LOCK_ACQUIRED(s, 1);
+  return 0;
+}
 int vorx_db_spin_unlock(pthread_spinlock_t* lock) {
   spin_release((db_spin*)lock);
   return 0;
@@ -393,6 +427,8 @@ int vorx_db_spin_unlock(pthread_spinlock_t* lock) {
 
 int vorx_db_rwlock_init(pthread_rwlock_t* prw, const pthread_rwlockattr_t*) {
   memset(prw, 0, sizeof(db_rwlock));
+  DB_SYNC_WORDS(prw, sizeof(db_rwlock));
+  DB_LOCK_CREATED(prw);
   return 0;
 }
 int vorx_db_rwlock_destroy(pthread_rwlock_t*) { return 0; }
@@ -405,6 +441,7 @@ int vorx_db_rwlock_rdlock(pthread_rwlock_t* prw) {
     if (rw->waiting_writers == 0 && rw->state >= 0) {
       rw->state = rw->state + 1;
       spin_release(&rw->count_lock);
+      DB_LOCK_ACQUIRED(rw, 0);
       return 0;
     }
     spin_release(&rw->count_lock);
@@ -422,6 +459,7 @@ int vorx_db_rwlock_wrlock(pthread_rwlock_t* prw) {
       __atomic_sub_fetch(&rw->waiting_writers, 1, __ATOMIC_ACQ_REL);
       spin_release(&rw->count_lock);
       spin_acquire(&rw->writer_lock);
+      DB_LOCK_ACQUIRED(rw, 1);
       return 0;
     }
     spin_release(&rw->count_lock);
@@ -433,6 +471,7 @@ int vorx_db_rwlock_unlock(pthread_rwlock_t* prw) {
   db_rwlock* rw = (db_rwlock*)prw;
   spin_acquire(&rw->count_lock);
   int32_t state = rw->state;
+  if (state != 0) DB_LOCK_RELEASED(rw, state < 0);
   if (state > 0) {
     rw->state = rw->state - 1;
     spin_release(&rw->count_lock);
@@ -456,6 +495,7 @@ int vorx_db_sem_init(sem_t* psem, int __pshared, unsigned value) {
   s->lock.word = 0;
   s->waiters = 0;
   s->count = value;
+  DB_SYNC_WORDS(s, sizeof *s);
   return 0;
 }
 int vorx_db_sem_destroy(sem_t*) { return 0; }
@@ -467,6 +507,7 @@ int vorx_db_sem_wait(sem_t* psem) {
     if (s->count > 0) {
       s->count = s->count - 1;
       spin_release(&s->lock);
+      DB_HAPPENS_AFTER(s);
       return 0;
     }
     spin_release(&s->lock);
@@ -478,6 +519,7 @@ int vorx_db_sem_wait(sem_t* psem) {
 
 int vorx_db_sem_post(sem_t* psem) {
   db_sem* s = (db_sem*)psem;
+  DB_HAPPENS_BEFORE(s);
   spin_acquire(&s->lock);
   s->count = s->count + 1;
   bool wake = __atomic_load_n(&s->waiters, __ATOMIC_ACQUIRE) != 0;
