@@ -162,7 +162,7 @@ std::map<uint32_t, DeferredIfunc*>& deferred_ifuncs() {
 
 }  // namespace kel
 
-extern "C" __attribute__((visibility("default"))) uintptr_t kel_ifunc_resolved(kel::DeferredIfunc* d) {
+extern "C" __attribute__((visibility("hidden"))) uintptr_t kel_ifunc_resolved(kel::DeferredIfunc* d) {
   using namespace kel;
   uintptr_t implementation = reinterpret_cast<uintptr_t (*)()>(d->resolver_callable)();
   if (d->callable) return implementation;
@@ -190,7 +190,7 @@ extern "C" __attribute__((visibility("default"))) uintptr_t kel_ifunc_resolved(k
   return implementation;
 }
 
-extern "C" __attribute__((visibility("default"))) uintptr_t kel_ifunc_callable(kel::DeferredIfunc* d) {
+extern "C" __attribute__((visibility("hidden"))) uintptr_t kel_ifunc_callable(kel::DeferredIfunc* d) {
   if (!__atomic_load_n(&d->callable, __ATOMIC_ACQUIRE)) kel_ifunc_resolved(d);
   return d->callable;
 }

@@ -152,7 +152,7 @@ void fixup_locks_after_fork(int parent_tid) {
 // ---------------------------------------------------------------------------------------------------------
 // The engine's own hooks in the application's C library.
 // ---------------------------------------------------------------------------------------------------------
-extern "C" __attribute__((visibility("default"))) int kel_fork_hook() {
+extern "C" __attribute__((visibility("hidden"))) int kel_fork_hook() {
   using namespace kel;
   int parent_tid = LEVEL_BASE::OS_GetTid();
   {
@@ -178,7 +178,7 @@ struct LEVEL_KELCLIENT::KEL_CHILD_PROCESS {
 
 // Decides whether the new program keeps the engine, and writes its environment accordingly on the stack:
 // no heap, since a vfork (or posix_spawn) child shares its parent's memory and locks.
-extern "C" __attribute__((visibility("default"))) int kel_execve_hook(const char* path, char* const argv[],
+extern "C" __attribute__((visibility("hidden"))) int kel_execve_hook(const char* path, char* const argv[],
                                                                        char* const envp[]) {
   using namespace kel;
   bool follow = false;
