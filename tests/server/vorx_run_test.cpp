@@ -169,4 +169,17 @@ TEST_F(VorxRun, UsageErrorsAreClear) {
   EXPECT_NE(o.err.find("unknown command 'frobnicate'"), std::string::npos);
 }
 
+#ifdef KEL_BINARY
+// The real engine between vorx and the program: the tool gets the server's
+// name and fetches its configuration; vorx follows the program to its end.
+TEST_F(VorxRun, UnderTheRealEngine) {
+  Outcome o = run_vorx({"run", "--engine", KEL_BINARY, "--tool", STANDIN_TOOL, "-r",
+                        (dir / "res").string(), "--", EXIT_WITH, "5"});
+  EXPECT_EQ(o.status, 5) << o.err;
+  std::string m = manifest();
+  EXPECT_EQ(count(m, "\"configurations\": 1"), 1u) << m << o.err;
+  EXPECT_EQ(count(m, "\"ended\": null"), 0u) << m;
+}
+#endif
+
 }  // namespace
