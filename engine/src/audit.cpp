@@ -9,7 +9,9 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -78,10 +80,13 @@ void scrub_environment(const char* tool, const char* args) {
   if (!replaced) unsetenv("LD_AUDIT");
 }
 
-[[noreturn]] void fail(const char* format, const char* what, const char* detail) {
+[[noreturn]] __attribute__((format(printf, 1, 2))) void fail(const char* format, ...) {
+  va_list ap;
+  va_start(ap, format);
   fprintf(stderr, "kel: ");
-  fprintf(stderr, format, what, detail);
+  vfprintf(stderr, format, ap);
   fputc('\n', stderr);
+  va_end(ap);
   _exit(1);
 }
 
@@ -97,15 +102,14 @@ void start_tool() {
   if (!handle) fail("cannot load tool '%s': %s", info.tool_path.c_str(), dlerror());
   g_tool_main = reinterpret_cast<int (*)(int, char**)>(dlsym(handle, "main"));
   if (!g_tool_main)
-    fail("tool '%s' exports no main()%s; build it with its main visible (default visibility)", info.tool_path.c_str(),
-         "");
+    fail("tool '%s' exports no main(); build it with its main visible (default visibility)", info.tool_path.c_str());
   for (std::string& a : info.arguments) g_tool_argv.push_back(a.data());
   g_tool_argv.push_back(nullptr);
 
   long page = sysconf(_SC_PAGESIZE);
   auto* stack = static_cast<char*>(mmap(nullptr, kToolStackSize + page, PROT_READ | PROT_WRITE,
                                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0));
-  if (stack == MAP_FAILED) fail("cannot map the tool's stack%s%s", "", "");
+  if (stack == MAP_FAILED) fail("cannot map the tool's stack: %s", strerror(errno));
   mprotect(stack, page, PROT_NONE);  // guard page below the stack
   getcontext(&g_tool_context);
   g_tool_context.uc_stack.ss_sp = stack + page;
