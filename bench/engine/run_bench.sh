@@ -21,10 +21,22 @@ median_ms() {
   printf '%s\n' "${times[@]}" | sort -n | awk -v n=$runs 'NR == int(n / 2) + 1 { printf "%.2f", $1 / 1000 }'
 }
 
+# cpu_ms <command...>: mean CPU time (task clock) over $runs runs, less sensitive to a loaded machine.
+cpu_ms() {
+  if command -v perf > /dev/null; then
+    perf stat -x, -r $runs -e task-clock "$@" 2>&1 > /dev/null | awk -F, '/task-clock/ { printf "%.2f", $1 }'
+  else
+    echo "?"
+  fi
+}
+
 alone=$(median_ms "$dir/kel_bench_empty_app")
 under=$(median_ms "$kel" -t "$dir/kel_bench_empty_tool.so" -- "$dir/kel_bench_empty_app")
 echo "start-up, empty program: alone ${alone} ms, under kel (empty tool) ${under} ms," \
-     "ratio $(awk -v a="$alone" -v b="$under" 'BEGIN { printf "%.1f", b / a }')"
+     "ratio $(awk -v a="$alone" -v b="$under" 'BEGIN { printf "%.1f", b / a }') (wall, median of $runs)"
+cpu_alone=$(cpu_ms "$dir/kel_bench_empty_app")
+cpu_under=$(cpu_ms "$kel" -t "$dir/kel_bench_empty_tool.so" -- "$dir/kel_bench_empty_app")
+echo "start-up CPU time: alone ${cpu_alone} ms, under kel ${cpu_under} ms (launcher + engine + tool + program)"
 
 sweep=$build/tests/engine/kel_sweep_tool.so
 if [ -e "$sweep" ]; then
