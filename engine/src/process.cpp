@@ -64,9 +64,14 @@ void report_image(uint32_t id, const std::vector<Registration<LEVEL_KELCLIENT::I
   for (auto& r : copy) r.fn(LEVEL_KELCLIENT::IMG(static_cast<int32_t>(id)), r.arg);
 }
 
+// No copy of the list: in a forked child the engine library's allocator may be locked by a thread that
+// no longer exists. Indexing stays right if a callback registers more.
 void run_fork_callbacks(LEVEL_KELCLIENT::FPOINT point, uint32_t pid) {
-  auto copy = callbacks().fork[point];
-  for (auto& r : copy) r.fn(pid, r.arg);
+  auto& list = callbacks().fork[point];
+  for (size_t i = 0; i < list.size(); ++i) {
+    Registration<LEVEL_KELCLIENT::FORK_PROBE_MODE_CALLBACK> r = list[i];
+    r.fn(pid, r.arg);
+  }
 }
 
 // Is `path` a program the engine can live in (an ELF of our architecture, or a script whose interpreter is)?
