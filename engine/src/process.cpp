@@ -197,7 +197,10 @@ extern "C" __attribute__((visibility("hidden"))) int kel_execve_hook(const char*
       while (argv && argv[argc]) ++argc;
       LEVEL_KELCLIENT::KEL_CHILD_PROCESS child{path, argc, argv};
       follow = true;
-      for (auto& r : list) follow = r.fn(&child, r.arg) && follow;
+      for (size_t i = 0; i < list.size(); ++i) {  // by index, without a copy: this may be a vfork child
+        auto r = list[i];
+        follow = r.fn(&child, r.arg) && follow;
+      }
       if (follow && !can_follow(path)) {
         follow = false;
         log_line(1, "not following into %s: not a program of this engine's architecture", path);
