@@ -233,7 +233,8 @@ TEST(HandBuilt, CollectorNameWithoutNul)
   pos += 4;
   ASSERT_EQ(pos, 33u);
   EXPECT_EQ(ld16(hand + 4), 29u);
-  Record r = decode(std::vector<std::uint8_t>(hand, hand + pos));
+  std::vector<std::uint8_t> bytes(hand, hand + pos); // the decoded fields point into it
+  Record r = decode(bytes);
   ASSERT_NE(r.find("name"), nullptr);
   EXPECT_EQ(std::string(reinterpret_cast<const char *>(r.find("name")->bytes.data()), r.find("name")->bytes.size()), "vorx");
 }
@@ -309,7 +310,8 @@ TEST(ApiRecords, HandBuiltWrapperRecordMatchesTheExample)
   ASSERT_EQ(pos, 53u);
   EXPECT_EQ(ld16(hand + 24), 29u);
   EXPECT_EQ(ld16(hand + 26), 7u);
-  Record r = decode(std::vector<std::uint8_t>(hand, hand + pos));
+  std::vector<std::uint8_t> bytes(hand, hand + pos);
+  Record r = decode(bytes);
   EXPECT_EQ(r.find("args")->bytes.size(), 8u); // function 128 is not an API member: raw arguments
 }
 
