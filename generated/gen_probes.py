@@ -527,7 +527,7 @@ WRAPPER = """extern "C" VORX_WRAPPER_EXPORT {ret} {name}({params}) {{
     // not started: straight on, with the arguments as they came
     if (__builtin_expect(!vorx::glue::rtl_initialized(), 0))
         return (({cname_t})vorx_probe_row({id}, {versions}, {mod}, {ver})->trampoline)({args});
-    vorx_traits_{cname}::params_t p{{{args}}};
+    vorx_traits_{cname}::params_t p{{{init}}};
     {ret_kw}vorx::wrap<vorx_traits_{cname}, {mod}, {ver}>(p);
 }}"""
 
@@ -537,7 +537,8 @@ def wrapper(desc, fn, mod, ver, layout):
     args = ', '.join('__%s' % p.name for p in fn.params)
     text = WRAPPER.format(ret=desc.spelling(fn.ret), name=name, params=c_params(fn), cname=fn.cname,
                           cname_t='vorx_%s_call_t' % fn.cname, id='vorx_pi_%s' % fn.cname, versions=fn.versions,
-                          mod=mod, ver=ver, args=args, ret_kw='return ' if fn.ret != 'void' else '')
+                          mod=mod, ver=ver, args=args, ret_kw='return ' if fn.ret != 'void' else '',
+                          init=', '.join([a for a in [args] if a] + (['{}'] if fn.ret != 'void' else [])))
     if fn.attrs.get('thin') == 'syscall':
         text = syscall_dispatch(desc, fn, mod, ver, layout) + text
     return text.split('\n')
