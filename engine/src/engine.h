@@ -46,6 +46,7 @@ struct Region {
 };
 
 struct Image {
+  uint32_t id = 0;  // its handle value: index + 1
   bool valid = false;
   bool main_executable = false;
   bool vdso = false;

@@ -162,6 +162,7 @@ uint32_t create_image(const std::string& path, uintptr_t load_offset, bool main_
 
   Image image;
   uint32_t id = tables().images.size() + 1;
+  image.id = id;
   image.main_executable = main_executable;
   image.vdso = vdso;
   image.name = path;
@@ -238,7 +239,7 @@ UINT32 IMG_Id(IMG img) { return image_of(img) ? static_cast<UINT32>(img.q()) : 0
 IMG IMG_FindImgById(UINT32 id) { return image_of(IMG(static_cast<INT32>(id))) ? IMG(static_cast<INT32>(id)) : IMG(); }
 IMG IMG_FindByAddress(ADDRINT address) {
   kel::Image* image = kel::image_containing(address);
-  return image ? IMG(static_cast<INT32>(image - &tables().images[0] + 1)) : IMG();
+  return image ? IMG(static_cast<INT32>(image->id)) : IMG();
 }
 IMG IMG_Invalid() { return IMG(); }
 IMG IMG_Next(IMG img) {
@@ -351,7 +352,7 @@ RTN RTN_CreateAt(ADDRINT address, string name) {
     if (uint32_t existing = kel::routine_at(*image, address)) {
       result = RTN(static_cast<INT32>(existing));
     } else {
-      uint32_t id = static_cast<uint32_t>(image - &tables().images[0] + 1);
+      uint32_t id = image->id;
       kel::Routine r;
       r.image = id;
       r.name = name;

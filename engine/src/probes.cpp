@@ -124,7 +124,7 @@ arch::Refusal entry_refusal(Image& image, uintptr_t address, uintptr_t limit) {
   arch::RelocatedPrologue scratch;
   if (arch::Refusal r = arch::relocate_prologue(address, limit, 0, &scratch); r != arch::refusal_none) return r;
   if (branch_lands_inside_patch(image, address)) return arch::refusal_branch_into_patch;
-  if (!image_is_fresh(static_cast<uint32_t>(&image - &tables().images[0] + 1)) && !fits_atomic_window(address))
+  if (!image_is_fresh(image.id) && !fits_atomic_window(address))
     return arch::refusal_live_unaligned;
   return arch::refusal_none;
 }
@@ -314,7 +314,7 @@ uintptr_t install_probe(uint32_t routine_index, uintptr_t address, bool internal
 
   Routine& r = tables().routines[routine_index - 1];
   Image* image = address == r.address ? &tables().images[r.image - 1] : image_containing(address);
-  uint32_t image_id = static_cast<uint32_t>(image - &tables().images[0] + 1);
+  uint32_t image_id = image->id;
   // One block: [slot][cell: jmp *slot][trampoline]
   auto* block = static_cast<uint8_t*>(allocate_code(sizeof(uintptr_t) + arch::kDispatchSize + 2 +
                                                     arch::kMaxTrampolineSize));

@@ -89,6 +89,28 @@ TEST(ImageModel, StrippedLibraryKeepsInitAndFini) {
   EXPECT_FALSE(RTN_Valid(init));
 }
 
+// Image handles stay right past the first block of the image table (a process that loads and unloads
+// libraries for a long time makes many).
+TEST(ImageModel, ManyImagesKeepTheirIdentity) {
+  std::vector<uint32_t> ids;
+  for (int i = 0; i < 300; ++i) {
+    LEVEL_KELCLIENT::KEL_LockClient();
+    ids.push_back(create_image(KEL_STRIPPED_LIBRARY, 0x10000000u + i * 0x100000u, false, false, nullptr));
+    LEVEL_KELCLIENT::KEL_UnlockClient();
+  }
+  for (int i = 0; i < 300; i += 37) {
+    IMG img = IMG_FindByAddress(0x10000000u + i * 0x100000u + 0x1000);
+    ASSERT_TRUE(IMG_Valid(img));
+    EXPECT_EQ(IMG_Id(img), ids[i]);
+    EXPECT_EQ(IMG_FindImgById(ids[i]), img);
+    RTN init = RTN_FindByName(img, "_init");  // (the code is not mapped there: look, do not touch)
+    EXPECT_EQ(RTN_FindByAddress(RTN_Address(init)), init);
+    EXPECT_EQ(IMG_FindByAddress(RTN_Address(init)), img);
+  }
+  for (uint32_t id : ids) invalidate_image(id);
+  EXPECT_FALSE(IMG_Valid(IMG_FindByAddress(0x10000000u + 0x1000)));
+}
+
 // Lookup by name: a versioned name exactly, a plain name answers with the default version.
 TEST(ImageModel, FindsVersionedRoutines) {
   LEVEL_KELCLIENT::KEL_LockClient();
