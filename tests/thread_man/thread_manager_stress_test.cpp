@@ -194,5 +194,70 @@ TEST_F(ManagerStressTest, DetachWholeManagerWhileThreadsAreInside) {
   EXPECT_EQ(g_counters.resume, g_counters.suspend + g_counters.detach);
 }
 
+// Signals land anywhere in the manager's own code: in the guard, under the
+// storage lock, between a list change and its unblocking. A handler's enter
+// must answer at once, and when it gets the descriptor it must be alone.
+std::atomic<long> g_storm_results[vorx_thread_manager_op_err_eof + 1];
+vorx_thr_mgr_t* g_storm_mgr;
+
+void storm_handler(int) {
+  vorx_ts_desc_t* key = nullptr;
+  void* data = nullptr;
+  vorx_u32_t r = vorx_thread_manager_enter(g_storm_mgr, &key, &data);
+  if (r > vorx_thread_manager_op_err_eof) abort();
+  g_storm_results[r]++;
+  if (r == vorx_thread_manager_op_err_ok) {
+    hold_exclusively(data);
+    vorx_thread_manager_release(g_storm_mgr, key);
+  }
+}
+
+TEST_F(ManagerStressTest, SignalsInterruptTheManagersOwnCode) {
+  struct sigaction sa {}, old{};
+  sa.sa_handler = storm_handler;
+  sigaction(SIGUSR1, &sa, &old);
+  g_storm_mgr = mgr_;
+  for (auto& r : g_storm_results) r = 0;
+  std::atomic<bool> stop{false};
+  std::atomic<bool> started{false};
+  std::atomic<long> lives{0};
+  pthread_t target{};
+  std::thread victim([&] {
+    vorx_u32_t tid = gettid_now();
+    started = true;
+    while (!stop) {
+      ASSERT_EQ(vorx_thread_manager_register(mgr_, tid, nullptr), vorx_thread_manager_op_err_ok);
+      vorx_ts_desc_t* key = nullptr;
+      for (int i = 0; i < 20; ++i) {
+        void* data;
+        ASSERT_EQ(vorx_thread_manager_enter(mgr_, &key, &data), vorx_thread_manager_op_err_ok);
+        hold_exclusively(data);
+        vorx_thread_manager_release(mgr_, key);
+      }
+      vorx_thread_manager_unregister(mgr_, tid, nullptr);
+      lives++;
+    }
+  });
+  target = victim.native_handle();
+  while (!started) std::this_thread::yield();
+  for (long sent = 1; sent <= 20000 || lives < 100; ++sent) {
+    pthread_kill(target, SIGUSR1);
+    if ((sent & 15) == 0) std::this_thread::yield();
+  }
+  stop = true;
+  victim.join();
+  sigaction(SIGUSR1, &old, nullptr);
+  long answered = 0;
+  for (auto& r : g_storm_results) answered += r;
+  EXPECT_GT(answered, 0);
+  EXPECT_EQ(answered, g_storm_results[vorx_thread_manager_op_err_ok] +
+                          g_storm_results[vorx_thread_manager_op_err_acquired] +
+                          g_storm_results[vorx_thread_manager_op_err_thread_not_found]);
+  // Where each signal landed is up to the scheduler; record the spread.
+  RecordProperty("ok", (int)g_storm_results[vorx_thread_manager_op_err_ok].load());
+  RecordProperty("acquired", (int)g_storm_results[vorx_thread_manager_op_err_acquired].load());
+  RecordProperty("not_found", (int)g_storm_results[vorx_thread_manager_op_err_thread_not_found].load());
+}
+
 }  // namespace
 }  // namespace tmtest
