@@ -66,7 +66,13 @@ void scrub_environment(const char* tool, const char* args) {
   info.runtime_path = own_path();
   info.injected_audit = "LD_AUDIT=" + info.runtime_path;
   info.injected_tool = std::string(kToolVariable) + "=" + tool;
-  info.injected_args = std::string(kArgsVariable) + "=" + args;
+  // A followed program gets the same switches, then its own command line after "--".
+  info.injected_args = std::string(kArgsVariable) + "=";
+  for (const std::string& a : info.arguments) {
+    info.injected_args += a;
+    info.injected_args += kArgumentSeparator;
+    if (a == "--") break;
+  }
   // The program's own LD_AUDIT, if it had one, goes back in place of ours. setenv would build a new array
   // that only this namespace's library sees, so the entry is replaced in the shared array itself.
   const char* saved = getenv(kSavedAuditVariable);

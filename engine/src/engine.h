@@ -172,7 +172,7 @@ struct LaunchInfo {
   std::string runtime_path;            // this library
   std::string injected_audit;          // "LD_AUDIT=..." for followed children
   std::string injected_tool;           // "KEL_TOOL=..."
-  std::string injected_args;           // "KEL_ARGS=..."
+  std::string injected_args;           // "KEL_ARGS=" and the switches up to "--" (the program follows)
 };
 LaunchInfo& launch_info();
 

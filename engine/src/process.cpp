@@ -234,7 +234,19 @@ extern "C" __attribute__((visibility("hidden"))) int kel_execve_hook(const char*
       environment[n++] = const_cast<char*>(info.injected_audit.c_str());
     }
     environment[n++] = const_cast<char*>(info.injected_tool.c_str());
-    environment[n++] = const_cast<char*>(info.injected_args.c_str());
+    size_t size = info.injected_args.size() + 1;
+    for (int i = 0; argv && argv[i]; ++i) size += strlen(argv[i]) + 1;
+    auto* args = static_cast<char*>(alloca(size));
+    strcpy(args, info.injected_args.c_str());
+    for (int i = 0; argv && argv[i]; ++i) {
+      if (i) {
+        size_t end = strlen(args);
+        args[end] = kArgumentSeparator;
+        args[end + 1] = 0;
+      }
+      strcat(args, argv[i]);
+    }
+    environment[n++] = args;
     if (programs_audit) {
       size_t size = strlen(kSavedAuditVariable) + 1 + strlen(programs_audit) + 1;
       auto* saved = static_cast<char*>(alloca(size));

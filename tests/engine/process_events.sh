@@ -25,7 +25,9 @@ for follow in 1 0; do
     echo "FAIL the program failed under the engine"
     failures=$((failures + 1))
   fi
-  expect "$log" "tool main in the first process" "^[0-9]+ tool main$" $((1 + 2 * follow))
+  expect "$log" "tool main in the first process" "^[0-9]+ tool main: .*kel_proc_app .*plugin.so$" 1
+  expect "$log" "tool main in followed programs, with their command line" "^[0-9]+ tool main: .* child-mode$" \
+         $((2 * follow))
   expect "$log" "dlopen reported" " load libkel_test_plugin.so$" 2
   expect "$log" "dlclose reported" " unload libkel_test_plugin.so$" 2
   expect "$log" "plugin probed at each load" " probe plugin_sum set$" 2

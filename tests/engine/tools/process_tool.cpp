@@ -68,7 +68,12 @@ BOOL on_exec(CHILD_PROCESS child, void*) {
 
 int main(int argc, char** argv) {
   if (KEL_Init(argc, argv)) return 1;
-  event("tool main");
+  std::string program;  // what the engine says follows "--": this process's own command line
+  for (int i = 1, after = 0; i < argc; ++i) {
+    if (after) program += std::string(" ") + argv[i];
+    after |= std::string(argv[i]) == "--";
+  }
+  event("tool main:%s", program.c_str());
   IMG_AddInstrumentFunction(on_load, nullptr);
   IMG_AddUnloadFunction(on_unload, nullptr);
   KEL_AddForkFunctionProbed(FPOINT_BEFORE, on_fork_before, nullptr);
