@@ -23,18 +23,21 @@
 #include "vorx_init.h"
 #include "vorx_log.h"
 #include "vorx_probe_table.h"
-#include "vorx_user_cbk.h"
 #include "workspace.h"
+// The user-callback registry is told about the annotation collector's range
+// once the collector links it; until then that range is only remembered here.
+#if __has_include("vorx_user_cbk.h")
+#include "vorx_user_cbk.h"
+#define VORX_HAS_USER_CBK_REGISTRY 1
+#else
+#define VORX_HAS_USER_CBK_REGISTRY 0
+#endif
 
 using namespace LEVEL_KELCLIENT;
 
 vorx_range_t g_vorx_ozknotify_range = {0, 0};
 vorx_range_t g_vorx_ozknotify_collector_range = {0, 0};
 vorx_range_t g_vorx_vumat_range = {0, 0};
-
-// The module map's entry for a module seen after the runtime opened (it writes
-// the module's record as well). Until it exists the map is told directly.
-extern "C" void vorx_register_module(const char *name, uint64_t start, uint64_t end) __attribute__((weak));
 
 namespace {
 
@@ -395,8 +398,10 @@ void on_library_name(IMG img, const BaseName &name, vorx_start_data *data) {
   } else if (is_named(name, "libozknotify_collector.so")) {
     remember_range(img, &g_vorx_ozknotify_collector_range, "ozknotify_collector start %llx, end %llx",
                    "More than one discontinuous executable ranges in libozknotify_collector.so!");
+#if VORX_HAS_USER_CBK_REGISTRY
     vorx_usr_cbk_ignore_range(static_cast<vorx_address_t>(g_vorx_ozknotify_collector_range.start),
                               static_cast<vorx_address_t>(g_vorx_ozknotify_collector_range.end));
+#endif
   } else if (is_named(name, "libvumat5.so")) {
     remember_range(img, &g_vorx_vumat_range, "libvumat5 start %llx, end %llx",
                    "More than one discontiguous executable range in libvumat5.so is detected.");
@@ -444,8 +449,7 @@ void register_module(IMG img, const vorx_range_t &range) {
     vorx_register_executable_section(SEC_Address(sec), uint64_t(SEC_Address(sec)) + SEC_Size(sec));
   }
   const char *name = IMG_Name(img).c_str();
-  if (vorx_register_module != nullptr) vorx_register_module(name, range.start, range.end);
-  else g_vorx_module_map->ops->add_module(g_vorx_module_map, name, range.start, range.end, 0);
+  vorx_register_module(name, range.start, range.end);
   char mark[kTimeMarkSize];
   sal_time_mark(mark, sizeof mark);
   vorx_report_at(vorx_msg_module_processing_scheduled, vorx_log_level_info, report_flags(), mark, name);
@@ -456,7 +460,6 @@ void register_module(IMG img, const vorx_range_t &range) {
 class EventScope {
  public:
   EventScope() {
-    if (g_vorx_thread_manager == nullptr) return;
     vorx_ts_desc_t *key = nullptr;
     void *workspace = nullptr;
     if (vorx_thread_manager_enter(g_vorx_thread_manager, &key, &workspace) != vorx_thread_manager_op_err_ok) return;
@@ -560,12 +563,17 @@ extern "C" void vorx_on_module_unloading(IMG img, void *) {
   }
 }
 
-// A fresh start: no row is resolved and no helper library is known. The
-// trampolines stay, so that the tool's own imports in the head rows of
-// __errno_location and setenv keep working before anything is probed.
-extern "C" void vorx_reset_instrumented_modules(void) {
+// Every row unresolved again, all but the end row. Trampolines stay: the
+// tool's own imports in the head rows of __errno_location and setenv must keep
+// working, and a wrapper still running returns through its trampoline.
+extern "C" void vorx_forget_resolved_rows(void) {
   unsigned rows = g_vorx_pt_id[vorx_pi_eof];
   for (unsigned index = 0; index < rows; ++index) g_vorx_probes_table[index].original = nullptr;
+}
+
+// A fresh start: no row is resolved and no helper library is known.
+extern "C" void vorx_reset_instrumented_modules(void) {
+  vorx_forget_resolved_rows();
   g_vorx_ozknotify_range = {0, 0};
   g_vorx_ozknotify_collector_range = {0, 0};
   g_vorx_vumat_range = {0, 0};

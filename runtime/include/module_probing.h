@@ -25,6 +25,10 @@ extern vorx_range_t g_vorx_vumat_range;
 // active or employed. A name starting with "ld-linux" selects "ld-linux".
 void vorx_probe_module_by_name(const char *name, size_t length, LEVEL_KELCLIENT::IMG img);
 
+// Clears `original` in every row before the end row, so that probing after a
+// reattach sees all of them unresolved (detach calls it once the probes are gone).
+void vorx_forget_resolved_rows(void);
+
 }  // extern "C"
 
 // Run-time address of the last entry of the image's DT_INIT_ARRAY, or 0 when

@@ -19,6 +19,7 @@
 #include "module_map.h"
 #include "module_probing.h"
 #include "sal.h"
+#include "thread_manager.h"
 #include "vorx_config.h"
 #include "vorx_init.h"
 #include "vorx_log.h"
@@ -70,6 +71,7 @@ void vorx_libc_init(int argc, char **argv, char **envp, vorx_init_routine origin
   append(g_events, sizeof g_events, "libc gate(loaded=%d,getenv=%s);", g_instr_global.is_libc_so_loaded ? 1 : 0,
          application_getenv("PROBING_TEST_MARK"));
   g_instr_global.is_libc_so_initialized = true;
+  g_vorx_is_rtl_initialized = 1;  // the runtime opens here in this program
 }
 void vorx_libpthread_init(int argc, char **argv, char **envp, vorx_init_routine original, vorx_start_data *data) {
   original(argc, argv, envp);
@@ -87,6 +89,11 @@ void vorx_exe_init(int argc, char **argv, char **envp, vorx_init_routine origina
 }
 void vorx_abort_on_improperly_linked_exe(vorx_start_data *) {
   append(g_events, sizeof g_events, "improperly linked;");
+}
+// The runtime's record of a module registered once the runtime is open.
+void vorx_put_registered_module(void *, const char *name, uint64_t start, uint64_t end) {
+  append(g_events, sizeof g_events, "registered %s %llx %llx;", name, (unsigned long long)start,
+         (unsigned long long)end);
 }
 void vorx_deepbind_notify_on_pthread_loaded(uint32_t, uint32_t) {}
 void vorx_init_cancel_signal_handler(void) {}
@@ -273,6 +280,8 @@ int main(int argc, char **argv) {
   vorx_log_set_client_hook(keep_report, nullptr);
   set_up_configuration();
   vorx_init_module_map();
+  vorx_thread_manager_create(&g_vorx_thread_manager, 64, nullptr, nullptr, nullptr, nullptr);
+  vorx_thread_manager_create_global(g_vorx_thread_manager);
   vorx_reset_instrumented_modules();
   IMG_AddInstrumentFunction(on_load, &g_start);
   IMG_AddUnloadFunction(vorx_on_module_unloading, &g_start);
