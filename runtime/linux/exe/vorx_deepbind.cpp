@@ -234,14 +234,29 @@ struct user_desc_i386 {
   uint32_t flags;
 };
 
+/* The trap gate: until a thread block exists, the C library's system-call
+ * stubs (which jump through %gs:0x10) can't be used. */
+long trap_syscall(long nr, long a, long b, long c, long d, long e) {
+  long result;
+  /* The sixth argument (%ebp) is always 0 here: mmap2's page offset. */
+  __asm__ volatile("push %%ebp\n\txorl %%ebp, %%ebp\n\tint $0x80\n\tpop %%ebp"
+                   : "=a"(result)
+                   : "0"(nr), "b"(a), "c"(b), "d"(c), "S"(d), "D"(e)
+                   : "memory");
+  return result;
+}
+
+constexpr long kMmap2Syscall = 192;
+
 /* A thread block for a main thread that no thread library has set up yet:
  * one page whose first word points at itself. */
 void install_thread_block() {
-  void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  DB_ASSERT(page != MAP_FAILED);
+  long mapped = trap_syscall(kMmap2Syscall, 0, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1);
+  DB_CHECK(mapped > 0 || mapped < -4095, "page != ((void *)-1)");
+  void* page = (void*)mapped;
   *(void**)page = page;
   user_desc_i386 desc = {(uint32_t)-1, (uint32_t)(uintptr_t)page, 1, kThreadAreaFlags};
-  long result = syscall(kSetThreadAreaSyscall, &desc);
+  long result = trap_syscall(kSetThreadAreaSyscall, (long)&desc, 0, 0, 0, 0);
   DB_ASSERT(result == 0);
   uint16_t selector = (uint16_t)(desc.entry_number * 8 + 3);
   __asm__ volatile("movw %0, %%gs" : : "r"(selector));

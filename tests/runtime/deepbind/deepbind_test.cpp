@@ -30,6 +30,26 @@ TEST_F(DeepbindTest, InitKeepsAThreadPointerThatTheLoaderSetUp) {
   EXPECT_TRUE(vorx_deepbind_is_active());
 }
 
+// Exits through the trap: the C library's stubs need the old thread block.
+[[noreturn]] void trap_exit(int code) {
+  __asm__ volatile("int $0x80" : : "a"(252 /* exit_group */), "b"(code));
+  __builtin_unreachable();
+}
+
+TEST_F(DeepbindTest, InitGivesAThreadBlockToAMainThreadWithoutOne) {
+  EXPECT_EXIT(
+      {
+        __asm__ volatile("movw %w0, %%gs" : : "r"(0));
+        vorx_deepbind_init(0);
+        void* block = nullptr;
+        __asm__ volatile("movl %%gs:0, %0" : "=r"(block));
+        int failures = gs_selector() == 0;
+        failures += block == nullptr || *(void**)block != block;
+        trap_exit(failures);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(DeepbindTest, KeysLiveInStaticSlotsUntilTheLibraryComes) {
   pthread_key_t keys[5];
   for (int i = 0; i < 5; ++i) {
