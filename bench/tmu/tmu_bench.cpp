@@ -66,12 +66,13 @@ void BM_PutRecord40_OwnUnits(benchmark::State &state)
   state.SetBytesProcessed(std::int64_t(state.iterations()) * TF_CPU_SAMPLE_SIZE);
 }
 
-// The whole write of an event record: time stamp, hand-built bytes, put_record.
+// The whole write of an event record: time stamp, hand-built bytes, put_record; the argument
+// is the time source (1 the time stamp counter, 2 the system clock).
 void BM_TimestampedRecord40_Plain(benchmark::State &state)
 {
   static vorx_tmu_t *u;
   if (state.thread_index() == 0) {
-    vorx_timesource_init(vorx_timesource_tsc);
+    vorx_timesource_init(vorx_u32_t(state.range(0)));
     u = unit_for(0);
   }
   std::uint8_t rec[TF_CPU_SAMPLE_SIZE];
@@ -89,6 +90,6 @@ BENCHMARK(BM_PutRecord40_Plain)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_PutRecord40_Deflate1)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_PutRecord40_Deflate6)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_PutRecord40_OwnUnits)->Threads(2)->UseRealTime();
-BENCHMARK(BM_TimestampedRecord40_Plain)->UseRealTime();
+BENCHMARK(BM_TimestampedRecord40_Plain)->Arg(vorx_timesource_tsc)->Arg(vorx_timesource_system)->UseRealTime();
 
 BENCHMARK_MAIN();
