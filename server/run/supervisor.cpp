@@ -13,8 +13,12 @@ namespace vorx::server {
 namespace {
 
 volatile sig_atomic_t g_forward_signal = 0;
+volatile sig_atomic_t g_interrupted = 0;
 
 void remember_signal(int sig) { g_forward_signal = sig; }
+// The terminal's interrupt reaches the program by itself; vorx only needs it
+// to stop waiting for processes that outlive the program.
+void remember_interrupt(int) { g_interrupted = 1; }
 
 bool alive(pid_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
 
@@ -33,11 +37,12 @@ int shell_status(int wait_status) {
 
 void Supervisor::prepare() {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-  signal(SIGINT, SIG_IGN);
   signal(SIGQUIT, SIG_IGN);
   struct sigaction sa {};
-  sa.sa_handler = remember_signal;
   sigemptyset(&sa.sa_mask);
+  sa.sa_handler = remember_interrupt;
+  sigaction(SIGINT, &sa, nullptr);
+  sa.sa_handler = remember_signal;
   sigaction(SIGTERM, &sa, nullptr);
   sigaction(SIGHUP, &sa, nullptr);
 }
@@ -64,11 +69,16 @@ void Supervisor::reap() {
     reports_.report(p.pid, p.name, "warning", "the process is gone without closing its collection");
 }
 
-void Supervisor::say_who_is_awaited() {
+std::string Supervisor::awaited_list() const {
   std::string list;
   for (const ProcessInfo &p : processes_.pending())
     list += (list.empty() ? "" : ", ") + std::to_string(p.pid) + (p.name.empty() ? "" : " (" + p.name + ")");
-  reports_.report(0, "", "note", "the program has ended; waiting for " + list + " to finish");
+  return list;
+}
+
+void Supervisor::say_who_is_awaited() {
+  reports_.report(0, "", "note",
+                  "the program has ended; waiting for " + awaited_list() + " to finish (Ctrl-C stops waiting)");
   waiting_said_ = true;
 }
 
@@ -84,6 +94,11 @@ int Supervisor::wait_for(pid_t root) {
     bool was_done = root_done_;
     reap();
     if (root_done_ && !was_done) root_end_time = std::chrono::steady_clock::now();
+    if (!root_done_) g_interrupted = 0;
+    if (root_done_ && g_interrupted) {
+      reports_.report(0, "", "note", "interrupted: not waiting any longer for " + awaited_list());
+      break;
+    }
     if (root_done_) {
       quiet_rounds = processes_.anyone_pending() ? 0 : quiet_rounds + 1;
       if (quiet_rounds >= kQuietRoundsToEnd) break;

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <string>
 
 #include "process_table.hpp"
 #include "run_server.hpp"
@@ -17,9 +18,10 @@ class Supervisor {
  public:
   Supervisor(ProcessTable &processes, ReportSink &reports) : processes_(processes), reports_(reports) {}
 
-  // Becomes the reaper of orphaned descendants, and lets an interrupt from
-  // the terminal reach the program only; a termination request is passed on
-  // to the program.
+  // Becomes the reaper of orphaned descendants. An interrupt from the
+  // terminal is the program's to handle; once the program has ended it stops
+  // the waiting for the others. A termination request is passed on to the
+  // program.
   static void prepare();
 
   // Runs until the collection has ended; returns the root's wait status.
@@ -29,6 +31,7 @@ class Supervisor {
   void reap();
   void notice_death(const ProcessInfo &p);
   void say_who_is_awaited();
+  std::string awaited_list() const;
 
   ProcessTable &processes_;
   ReportSink &reports_;

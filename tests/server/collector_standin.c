@@ -9,6 +9,9 @@
  *   collector_standin report     sends an error report of message 78
  *   collector_standin linger     a child keeps its collection open for a
  *                                while after the root has ended
+ *   collector_standin orphan     a child keeps its collection open for five
+ *                                seconds after the root has ended, its
+ *                                output closed so that no reader waits on it
  * Exit status 3 means the conversation itself failed.
  */
 #include <signal.h>
@@ -73,12 +76,16 @@ static int forks(int n)
     return failures ? 3 : 0;
 }
 
-static int linger(void)
+static int linger(int milliseconds)
 {
     open_collection();
     if (fork() == 0) {
         child_collection(getppid());
-        usleep(600 * 1000);
+        if (milliseconds > 1000) {
+            freopen("/dev/null", "w", stdout);
+            freopen("/dev/null", "w", stderr);
+        }
+        usleep((useconds_t)milliseconds * 1000);
         close_collection();
         _exit(0);
     }
@@ -94,7 +101,9 @@ int main(int argc, char **argv)
     if (strcmp(mode, "forks") == 0)
         return forks(number);
     if (strcmp(mode, "linger") == 0)
-        return linger();
+        return linger(600);
+    if (strcmp(mode, "orphan") == 0)
+        return linger(5000);
     open_collection();
     if (strcmp(mode, "crash") == 0)
         raise(SIGSEGV);

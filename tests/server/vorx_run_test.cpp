@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -22,8 +24,10 @@ struct Outcome {
   std::string err;
 };
 
-// Runs vorx with args in directory cwd; standard error is captured.
-Outcome run_vorx(const std::vector<std::string> &args, const std::string &cwd = ".") {
+// Runs vorx with args in directory cwd; standard error is captured. After
+// interrupt_after_ms (when given), vorx gets SIGINT.
+Outcome run_vorx(const std::vector<std::string> &args, const std::string &cwd = ".",
+                 int interrupt_after_ms = 0) {
   int pipefd[2];
   EXPECT_EQ(pipe(pipefd), 0);
   std::vector<std::string> argv = {VORX_BINARY};
@@ -34,7 +38,9 @@ Outcome run_vorx(const std::vector<std::string> &args, const std::string &cwd = 
     dup2(pipefd[1], 2);
     int null = open("/dev/null", O_WRONLY);
     dup2(null, 1);
+    close(null);
     close(pipefd[0]);
+    close(pipefd[1]);
     std::vector<char *> raw;
     for (auto &a : argv) raw.push_back(a.data());
     raw.push_back(nullptr);
@@ -42,6 +48,12 @@ Outcome run_vorx(const std::vector<std::string> &args, const std::string &cwd = 
     _exit(121);
   }
   close(pipefd[1]);
+  std::thread interrupter;
+  if (interrupt_after_ms)
+    interrupter = std::thread([pid, interrupt_after_ms] {
+      usleep((useconds_t)interrupt_after_ms * 1000);
+      kill(pid, SIGINT);
+    });
   Outcome out;
   char buffer[4096];
   ssize_t n;
@@ -49,6 +61,7 @@ Outcome run_vorx(const std::vector<std::string> &args, const std::string &cwd = 
   close(pipefd[0]);
   int status;
   waitpid(pid, &status, 0);
+  if (interrupter.joinable()) interrupter.join();
   out.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return out;
 }
@@ -125,6 +138,15 @@ TEST_F(VorxRun, WaitsForAChildThatOutlivesTheRoot) {
   std::string m = manifest();
   EXPECT_EQ(count(m, "\"ended\": null"), 0u) << m;
   EXPECT_EQ(count(m, "\"configurations\": 1"), 2u) << m;
+}
+
+TEST_F(VorxRun, AnInterruptStopsTheWaitForProcessesThatOutliveTheRoot) {
+  auto begin = std::chrono::steady_clock::now();
+  Outcome o = run_vorx(with_standin({"orphan"}), ".", 1500);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4500));
+  EXPECT_EQ(o.status, 0) << o.err;
+  EXPECT_NE(o.err.find("interrupted: not waiting any longer for"), std::string::npos) << o.err;
+  EXPECT_NE(o.err.find("(vorx_collector_standin)"), std::string::npos) << o.err;
 }
 
 TEST_F(VorxRun, FreshNumberedResultDirectories) {
