@@ -293,9 +293,15 @@ SEC_TYPE SEC_Type(SEC sec) { return section_of(sec) ? section_of(sec)->type : SE
 RTN SEC_RtnHead(SEC sec) {
   kel::Section* s = section_of(sec);
   if (!s) return RTN();
+  KEL_LockClient();
+  RTN result;
   for (uint32_t r : image_of(IMG(s->image))->routines)
-    if (tables().routines[r - 1].section == static_cast<uint32_t>(sec.q())) return RTN(static_cast<INT32>(r));
-  return RTN();
+    if (tables().routines[r - 1].section == static_cast<uint32_t>(sec.q())) {
+      result = RTN(static_cast<INT32>(r));
+      break;
+    }
+  KEL_UnlockClient();
+  return result;
 }
 
 BOOL SYM_Valid(SYM sym) { return symbol_of(sym) != nullptr; }
@@ -315,20 +321,29 @@ BOOL SYM_IFuncResolver(SYM sym) { return symbol_of(sym) && symbol_of(sym)->ifunc
 
 BOOL RTN_Valid(RTN rtn) { return routine_of(rtn) != nullptr; }
 RTN RTN_Invalid() { return RTN(); }
+// The per-image indexes change when RTN_CreateAt adds a routine: lookups hold the client lock.
 RTN RTN_FindByName(IMG img, const CHAR* name) {
   kel::Image* i = image_of(img);
   if (!i || !name) return RTN();
+  KEL_LockClient();
   auto found = i->routine_by_name.find(name);
-  return found == i->routine_by_name.end() ? RTN() : RTN(static_cast<INT32>(found->second));
+  RTN result = found == i->routine_by_name.end() ? RTN() : RTN(static_cast<INT32>(found->second));
+  KEL_UnlockClient();
+  return result;
 }
 RTN RTN_FindByAddress(ADDRINT address) {
-  kel::Image* image = kel::image_containing(address);
-  if (!image) return RTN();
-  auto it = std::upper_bound(image->routines.begin(), image->routines.end(), address,
-                             [](uintptr_t a, uint32_t r) { return a < tables().routines[r - 1].address; });
-  if (it == image->routines.begin()) return RTN();
-  kel::Routine& r = tables().routines[*(it - 1) - 1];
-  return address < r.address + std::max<size_t>(r.size, 1) ? RTN(static_cast<INT32>(*(it - 1))) : RTN();
+  KEL_LockClient();
+  RTN result;
+  if (kel::Image* image = kel::image_containing(address)) {
+    auto it = std::upper_bound(image->routines.begin(), image->routines.end(), address,
+                               [](uintptr_t a, uint32_t r) { return a < tables().routines[r - 1].address; });
+    if (it != image->routines.begin()) {
+      kel::Routine& r = tables().routines[*(it - 1) - 1];
+      if (address < r.address + std::max<size_t>(r.size, 1)) result = RTN(static_cast<INT32>(*(it - 1)));
+    }
+  }
+  KEL_UnlockClient();
+  return result;
 }
 const string& RTN_Name(RTN rtn) { return routine_of(rtn) ? routine_of(rtn)->name : kEmpty; }
 ADDRINT RTN_Address(RTN rtn) { return routine_of(rtn) ? routine_of(rtn)->address : 0; }
@@ -339,9 +354,13 @@ BOOL RTN_IsDynamic(RTN rtn) { return routine_of(rtn) && routine_of(rtn)->dynamic
 RTN RTN_Next(RTN rtn) {
   kel::Routine* r = routine_of(rtn);
   if (!r) return RTN();
+  KEL_LockClient();
   const auto& list = image_of(IMG(r->image))->routines;
-  auto it = std::find(list.begin(), list.end(), static_cast<uint32_t>(rtn.q()));
-  return it != list.end() && it + 1 != list.end() ? RTN(static_cast<INT32>(*(it + 1))) : RTN();
+  auto it = std::lower_bound(list.begin(), list.end(), r->address,
+                             [](uint32_t x, uintptr_t a) { return tables().routines[x - 1].address < a; });
+  RTN result = it != list.end() && it + 1 != list.end() ? RTN(static_cast<INT32>(*(it + 1))) : RTN();
+  KEL_UnlockClient();
+  return result;
 }
 
 RTN RTN_CreateAt(ADDRINT address, string name) {
