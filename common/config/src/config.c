@@ -7,6 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "config_internal.h"
 #include "config_wire.h"
 
 /* Every owned string of the object: the eight of the wire's string block and
@@ -203,7 +204,6 @@ static vorx_er_t conf_unpack_ignored_processes(vorx_configuration *conf, const c
     return unpack_string_list(&conf->ignored_processes, block, available, consumed);
 }
 
-/* aux_list has no operation of its own; the packager reaches it here. */
 vorx_er_t vorx_conf_unpack_aux_list(vorx_configuration *conf, const char *block,
                                     size_t available, size_t *consumed)
 {

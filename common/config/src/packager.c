@@ -10,10 +10,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "config_internal.h"
 #include "config_wire.h"
-
-vorx_er_t vorx_conf_unpack_aux_list(vorx_configuration *conf, const char *block,
-                                    size_t available, size_t *consumed);
 
 /* ------------------------------------------------------------ little endian */
 
