@@ -324,3 +324,15 @@ TEST(BufferRecord, CopiesItsBytes)
   b.data.buf_size = 8;
   EXPECT_EQ(encode(&b), std::vector<std::uint8_t>(src, src + 8));
 }
+
+TEST(RecordLayoutDeathTest, SixteenBitSizesMustHoldTheRecord)
+{
+  std::vector<std::uint8_t> entries(2000 * 52);
+  tf_record_softcfg_t s;
+  tf_record_softcfg_init(&s);
+  s.a_count = 2000;
+  s.a_data = entries.data();
+  std::uint32_t size = tf_record_size(&s);
+  std::vector<std::uint8_t> out(size);
+  EXPECT_DEATH(tf_record_encode(&s, out.data(), size), "size <= 0xFFFF");
+}

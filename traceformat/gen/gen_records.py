@@ -229,6 +229,19 @@ def head_size_expr(r, alt="alt", descriptor="descriptor"):
     return " + ".join(["%du" % n] + parts)
 
 
+def size_at_expr(r):
+    """Offset of the size field, or None for records without one."""
+    n, parts = 4, []
+    for f in r.fields:
+        if f.kind in SIZEK:
+            return " + ".join(["%du" % n] + parts), f
+        if f.optbit:
+            parts.append("((descriptor & 0x%Xu) ? %du : 0u)" % (f.optbit, f.width))
+        else:
+            n += f.width
+    return None, None
+
+
 def obj_members(r):
     out = []
     for f in r.fields:
@@ -437,6 +450,12 @@ def gen_source(records, apis):
             c.append(alt)
         if r.api:
             c.append("  uint32_t descriptor = tf_api_descriptor(r->tid, r->aux_id);")
+        at, sf = size_at_expr(r)
+        if sf is not None and sf.kind != "size32":
+            # A 16-bit size must hold the record; larger ones need the 32-bit form.
+            cond = "!alt && " if sf.kind == "sizevar" else ""
+            c.append('  if (%s(dest_buf_size - (%s)) > 0xFFFFu)' % (cond, at))
+            c.append('    tf_assert_fail(__FILE__, __LINE__, __func__, "size <= 0xFFFF", "");')
         hs = "(%s)" % head_size_expr(r)
         c.append("  uint32_t pos = tf_%s_%s(%s%s);" % (
             r.name, "put" if r.fixed() else "put_head", ", ".join(head_call_args(r)),
