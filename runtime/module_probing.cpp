@@ -116,17 +116,21 @@ void copy_resolution(vorx_probe_t *to, const vorx_probe_t *from) {
   to->original = from->original;
 }
 
+// Whether a newly resolved row becomes the function's default version.
+bool becomes_default(const vorx_probe_t *head, const vorx_probe_t *row, const vorx_module_descriptor_t *first_module,
+                     const std::string &symbol) {
+  if (head->original == nullptr) return true;
+  if (head->module == row->module && symbol.find("@@") != std::string::npos) return true;
+  // What the executable defines for the dynamic linker wins over everything.
+  if (same_module_name(head->module, "exe") && head->is_dynamic == 1) return false;
+  return row->module != head->module && row->module == first_module;
+}
+
 // The head row says through which copy the collector itself calls the function.
 void set_default_row(const vorx_probe_entry_t &entry, vorx_probe_t *row, const std::string &symbol) {
   vorx_probe_t *head = vorx_head_row(entry.id);
   const vorx_module_descriptor_t *first_module = vorx_probe_row(entry.id, entry.versions, 0, 0)->module;
-  bool take;
-  if (head->original == nullptr) take = true;
-  else if (head->module == row->module && symbol.find("@@") != std::string::npos) take = true;
-  else if (same_module_name(head->module, "exe") && head->is_dynamic == 1) take = false;
-  else if (row->module == head->module || row->module != first_module) take = false;
-  else take = true;
-  if (!take) return;
+  if (!becomes_default(head, row, first_module, symbol)) return;
   copy_resolution(head, row);
   head->module = row->module;
   head->is_dynamic = row->is_dynamic;
