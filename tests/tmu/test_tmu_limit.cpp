@@ -42,3 +42,23 @@ TEST(MemoryLimit, NewUnitsHalveTheBiggestUnit)
 
   for (vorx_tmu_t *u : {a, t, p, x, y}) c->free_unit(c, u);
 }
+
+// The end of tracing: every unit spilled and detached, then released. Runs last in this
+// program, as it reaches every unit of the process.
+TEST(ProcessEnd, AdjustAllSpillsAndDetachesEveryUnit)
+{
+  vorx_tmu_creator_t *c = vorx_tmu_creator_alloc(0);
+  ScratchDir dir;
+  vorx_tmu_t *a = c->alloc(c, vorx_tmu_per_process, dir.file("a").c_str());
+  vorx_tmu_t *t = c->alloc(c, vorx_tmu_per_thread, dir.file("t").c_str());
+  put_sample(a, 1, 0);
+  put_sample(t, 2, 0);
+  vorx_tmu_adjust_all_tmus();
+  EXPECT_EQ(put_sample(a, 1, 1), 1); // detached: accepted and dropped
+  EXPECT_EQ(a->spill(a), 1);
+  expect_sequence(read_trace(dir.file("a")), 1, 0, 1);
+  expect_sequence(read_trace(dir.file("t")), 2, 0, 1);
+  vorx_tmu_free_all_tmus();
+  EXPECT_EQ(a->pool.buffs, nullptr);
+  EXPECT_EQ(t->pool.buffs, nullptr);
+}
