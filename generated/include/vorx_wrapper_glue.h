@@ -11,18 +11,19 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include "sal.h"
 #include "thread_manager.h"
 #include "vorx_config.h"
+#include "vorx_deepbind.h"
 #include "vorx_init.h"
 #include "vorx_log.h"
 #include "vorx_timesource.h"
 #include "workspace.h"
 
 extern "C" {
-// the application's errno, reached through the probe table (tool-domain threading layer)
-int* applibc___errno_location(void);
-// signal descriptor: hold the collector's signals back with one store, and complete deferred ones
-void set_first_class_fast_mask(void* signal_descr, uint32_t state, uint32_t* saved, void* binder);
+// the collector's own signal: set by the signal manager when it consumed one on this thread
+int vorx_signal_internal_arrived(struct vorx_signal_descr* descr);
+void vorx_signal_clear_internal_arrived(struct vorx_signal_descr* descr);
 // nested calls and waits
 int vorx_is_runtime_in_nested_original(vorx_probe_data_t* wait, uint32_t probe_id, void* filtering_data);
 int vorx_update_nested_probe_params(vorx_probe_data_t* data, vorx_probe_data_t* incomplete_wait);
@@ -58,7 +59,26 @@ using wsp_t = struct vorx_workspace;
 using mask_t = uint32_t;
 constexpr unsigned context_size = 512;
 constexpr unsigned cleanup_buffer_size = 32;
-constexpr uint32_t signals_blocked = 1;
+constexpr uint32_t signals_blocked = 0;
+
+// The signal descriptor as the wrappers use it: its operations at its head (the fourth holds the collector's
+// signals back or lowers the mask again), and the binder that tells whether the thread is still entered
+// after deferred signals ran. Same layout as the workspace's enter and leave use.
+struct signal_descr_view {
+    void* initialise;
+    void* finalise;
+    void* set_altstack_size;
+    uint32_t (*set_first_class_fast_mask)(struct vorx_signal_descr* descr, uint32_t state, uint32_t* old,
+                                          void* binder);
+};
+struct binder_view {
+    uint32_t kind;  // 1: the caller came from outside the collector's signal code
+    uint32_t saved_level;
+    uint32_t saved_mask;
+    vorx_ts_desc_t** key;
+    void** wsp_addr;
+    uint32_t entered;  // a thread-manager result; ok while the thread is inside
+};
 
 enum class enter_result { ok, acquired, not_found, closed, other };
 
@@ -79,17 +99,22 @@ inline enter_result enter(key_t& key, wsp_t*& wsp) {
 inline void release(key_t key) { vorx_thread_manager_release(g_vorx_thread_manager, key); }
 
 inline void block_signals(wsp_t* wsp, mask_t& saved) {
-    set_first_class_fast_mask(wsp->signal_descr, signals_blocked, &saved, nullptr);
+    saved = 1;
+    if (!wsp->signal_descr) return;
+    auto* ops = reinterpret_cast<signal_descr_view*>(wsp->signal_descr);
+    ops->set_first_class_fast_mask(wsp->signal_descr, signals_blocked, &saved, nullptr);
 }
 // Restores the saved mask and completes the signals deferred meanwhile; true if the thread is still entered.
 inline bool unblock_signals(key_t& key, wsp_t*& wsp, mask_t saved) {
-    vorx_signal_binder_t binder;
-    BINDER_INIT_SIGNAL_EXTERNAL_CALL(binder, saved, &key, &wsp);
-    set_first_class_fast_mask(wsp->signal_descr, saved, nullptr, &binder);
-    return BINDER_IS_ENTERED(binder);
+    if (!wsp->signal_descr) return true;
+    binder_view binder = {1, wsp->runtime_level, saved, &key, reinterpret_cast<void**>(&wsp),
+                          vorx_thread_manager_op_err_ok};
+    auto* ops = reinterpret_cast<signal_descr_view*>(wsp->signal_descr);
+    ops->set_first_class_fast_mask(wsp->signal_descr, saved, nullptr, &binder);
+    return binder.entered == vorx_thread_manager_op_err_ok;
 }
 
-inline unsigned& runtime_level(wsp_t* wsp) { return reinterpret_cast<unsigned&>(wsp->runtime_level); }
+inline volatile vorx_u32_t& runtime_level(wsp_t* wsp) { return wsp->runtime_level; }
 inline vorx_probe_data_t*& incomplete_wait(wsp_t* wsp) {
     return reinterpret_cast<vorx_probe_data_t*&>(wsp->incomplete_wait);
 }
@@ -107,9 +132,10 @@ inline bool contention_filter_on() {
 }
 inline uint64_t memory_size_threshold() { return g_vorx_conf->memory_size_threshold; }
 inline bool profile_process() { return g_vorx_conf->profile_process; }
-inline bool cpu_collection() { return (g_vorx_conf->collection_types[0] & 1u) != 0; }
+inline bool cpu_collection() { return vorx_conf_has_collection(g_vorx_conf, vorx_cl_cpu); }
 
 inline void* head_trampoline(unsigned id) { return vorx_head_row(id)->trampoline; }
+inline bool conf_has_cpu() { return vorx_conf_has_collection(g_vorx_conf, vorx_cl_cpu); }
 
 inline void run_callbacks(unsigned index, wsp_t* wsp, vorx_probe_data_t* data) {
     VORX_ASSERT(index < VORX_CALLBACK_ENTRIES);
@@ -164,6 +190,6 @@ inline bool socket_receive_timeout(int fd, struct timeval* tv) {
 inline void set_socket_receive_timeout(int fd, const struct timeval* tv) {
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, tv, sizeof *tv);
 }
-inline void trace(const char* text) { VORX_LOG(4, "%s", text); }
+inline void trace(const char* text) { VORX_LOG(vorx_log_level_trace, "%s", text); }
 
 }  // namespace vorx::glue
