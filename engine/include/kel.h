@@ -266,7 +266,11 @@ VOID KEL_UnlockClient();
 string KEL_Version();
 
 // *Callback registration.* Each returns true when registered.
+// Application start: once the images present have been shown (at the first consistent state of the loader in
+// a launched process; after the callback of KEL_AttachProbed).
 BOOL KEL_AddApplicationStartFunction(APPLICATION_START_CALLBACK fn, VOID* arg);
+// Per-thread callbacks of attaching and detaching. Kept, but not called yet: they belong to attaching to a
+// running process, where each thread is visited.
 BOOL KEL_AddThreadAttachProbedFunction(THREAD_ATTACH_PROBED_CALLBACK fn, VOID* arg);
 BOOL KEL_AddThreadDetachProbedFunction(THREAD_DETACH_PROBED_CALLBACK fn, VOID* arg);
 BOOL KEL_AddDetachFunctionProbed(DETACH_PROBE_CALLBACK fn, VOID* arg);
@@ -328,7 +332,7 @@ BOOL SYM_IFuncResolver(SYM sym);
 BOOL RTN_Valid(RTN rtn);
 RTN RTN_Invalid();
 RTN RTN_FindByName(IMG img, const CHAR* name);  // exact name, else the plain name of a versioned symbol
-RTN RTN_FindByAddress(ADDRINT address);         // the routine containing the address; take the client lock
+RTN RTN_FindByAddress(ADDRINT address);         // the routine containing the address (takes the client lock)
 const string& RTN_Name(RTN rtn);
 ADDRINT RTN_Address(RTN rtn);
 USIZE RTN_Size(RTN rtn);
