@@ -40,18 +40,18 @@ KNOB<BOOL> knob_replay(KNOB_MODE_WRITEONCE, "keltool", "replay", "0",
 
 vorx_start_data g_start = {vorx_init_run, nullptr, false};
 char g_events[4096];
-std::atomic<int> g_events_lock{0};
+std::atomic<int> g_append_lock{0};
 char g_reports[8192];
 
 void append(char *buffer, size_t size, const char *format, ...) {
-  while (g_events_lock.exchange(1)) {
+  while (g_append_lock.exchange(1)) {
   }
   size_t used = strlen(buffer);
   va_list args;
   va_start(args, format);
   if (used < size) vsnprintf(buffer + used, size - used, format, args);
   va_end(args);
-  g_events_lock.store(0);
+  g_append_lock.store(0);
 }
 
 // What the application's own getenv answers now, through the head row.
