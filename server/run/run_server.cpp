@@ -46,8 +46,6 @@ pid_t peer_pid_of(int socket) {
   return cred.pid;
 }
 
-bool file_exists(const std::string &path) { return access(path.c_str(), R_OK) == 0; }
-
 }  // namespace
 
 // ------------------------------------------------------------------ reports
@@ -86,13 +84,6 @@ std::string process_name(pid_t pid) {
   std::string name;
   std::getline(comm, name);
   return name;
-}
-
-std::string symbol_file_for(const std::string &path) {
-  if (path.empty() || path[0] != '/') return path;
-  for (const std::string &candidate : {"/usr/lib/debug" + path + ".debug", "/usr/lib/debug" + path})
-    if (file_exists(candidate)) return candidate;
-  return path;
 }
 
 // ------------------------------------------------------------------- server

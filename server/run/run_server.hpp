@@ -24,6 +24,7 @@
 #include <thread>
 
 #include "process_table.hpp"
+#include "symbols.hpp"
 #include "vorx_comm.h"
 #include "vorx_config.h"
 
@@ -101,8 +102,5 @@ class RunServer {
 
 // Base name of a process's program, read from /proc while it lives.
 std::string process_name(pid_t pid);
-// The file that holds the symbols of a binary: its separate debug file when
-// one is installed, else the binary itself.
-std::string symbol_file_for(const std::string &path);
 
 }  // namespace vorx::server

@@ -9,6 +9,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "messages.hpp"
@@ -280,6 +282,35 @@ TEST_F(ClientAgainstServer, AStoppedServerIsAConnectionFailure) {
   server->stop();
   EXPECT_EQ(vorx_client_notify(client, vorx_command_ready), vorx_er_connection_failure);
   EXPECT_EQ(client->ops->log_message(client, "x", 1, vorx_severity_info), vorx_er_connection_failure);
+}
+
+// Debug files are found by build id first, then by path.
+TEST(Symbols, DebugFileByBuildIdThenByPath) {
+  char templ[] = "/tmp/vorx_debug_root_XXXXXX";
+  ASSERT_NE(mkdtemp(templ), nullptr);
+  std::string root = templ;
+  std::string self = "/proc/self/exe";
+  char target[4096];
+  ssize_t n = readlink(self.c_str(), target, sizeof(target) - 1);
+  ASSERT_GT(n, 0);
+  std::string binary(target, (size_t)n);
+  auto id = elf_build_id(binary);
+  ASSERT_TRUE(id) << "the test binary is built with a build id";
+  EXPECT_EQ(id->size(), 40u);
+
+  EXPECT_EQ(symbol_file_for(binary, root), binary);  // nothing installed
+  std::string by_path = root + binary + ".debug";
+  std::filesystem::create_directories(std::filesystem::path(by_path).parent_path());
+  std::ofstream(by_path) << "x";
+  EXPECT_EQ(symbol_file_for(binary, root), by_path);
+  std::string by_id = root + "/.build-id/" + id->substr(0, 2) + "/" + id->substr(2) + ".debug";
+  std::filesystem::create_directories(std::filesystem::path(by_id).parent_path());
+  std::ofstream(by_id) << "x";
+  EXPECT_EQ(symbol_file_for(binary, root), by_id);
+  std::filesystem::remove_all(root);
+
+  EXPECT_FALSE(elf_build_id("/proc/self/status"));  // not an ELF file
+  EXPECT_EQ(symbol_file_for("relative/path", root), "relative/path");
 }
 
 TEST(ProcessTable, WaitsForOpenCollectionsAndAnnouncedProcesses) {
