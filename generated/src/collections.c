@@ -1,6 +1,7 @@
 /* Collection indexes and their bitmaps, names and numbers. */
 #include <stddef.h>
 #include <wchar.h>
+#include "vorx_log.h"
 #include "vorx_probe_table.h"
 
 static const wchar_t* const collection_wide_names[VORX_COLLECTION_EOF] = {
@@ -8,10 +9,12 @@ static const wchar_t* const collection_wide_names[VORX_COLLECTION_EOF] = {
     L"user_sync", L"cm", L"power", L"opencl_ex", L"memory", L"utimer", L"opengles"};
 
 const vorx_probe_bitmap_t* vorx_collection_to_probe_bitmap(unsigned index) {
+    VORX_LOG(vorx_log_level_trace, "vorx_collection_to_probe_bitmap(): call for collection %u", index);
     return index < VORX_COLLECTION_EOF ? g_vorx_collection_probe_bitmaps[index] : NULL;
 }
 
 const vorx_probe_bitmap_t* vorx_collection_to_callback_bitmap(unsigned index) {
+    VORX_LOG(vorx_log_level_trace, "vorx_collection_to_callback_bitmap(): call for collection %u", index);
     return index < VORX_COLLECTION_EOF ? g_vorx_collection_callback_bitmaps[index] : NULL;
 }
 
