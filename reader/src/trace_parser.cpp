@@ -51,6 +51,7 @@ void append_hex(std::string &out, Bytes b)
 
 std::string format_record(const Record &r, const Location &where)
 {
+  thread_local std::vector<std::uint32_t> frames;
   char head[64];
   std::snprintf(head, sizeof head, " desc=0x%08" PRIX32, r.desc);
   std::string line = "@" + where.str() + " " + std::string(r.name()) + head;
@@ -72,6 +73,15 @@ std::string format_record(const Record &r, const Location &where)
       break;
     }
   }
+  if (r.name() == "online_stack")
+    if (const Field *p = r.find("packed"); p && unpack_online_stack(p->bytes, frames)) {
+      line += " frames=";
+      for (std::size_t i = 0; i < frames.size(); i++) {
+        char hex[16];
+        std::snprintf(hex, sizeof hex, "%s0x%" PRIx32, i ? "," : "", frames[i]);
+        line += hex;
+      }
+    }
   return line;
 }
 

@@ -229,3 +229,20 @@ TEST(ReportCommand, DumpAndErrors)
   run_report({"--bogus"}, &status);
   EXPECT_EQ(status, 2);
 }
+
+TEST(Dump, OnlineStacksShowTheirFrames)
+{
+  std::uint32_t frames[4] = {0x08048123, 0x08049000, 0, 0xB7F01000};
+  std::uint8_t packed[64];
+  std::uint32_t n = 60;
+  ASSERT_EQ(tf_record_online_stack_pack(frames, 4, packed, &n), TF_PACK_OK);
+  TraceBuilder b;
+  b.put(64 + n, [&](std::uint8_t *d) {
+    std::uint32_t pos = tf_online_stack_put_head(d, 0, 77, 0, 0x1234, n);
+    std::memcpy(d + pos, packed, n);
+    return pos + n;
+  });
+  Lines l = tokenize(b.bytes());
+  ASSERT_EQ(l.records.size(), 2u);
+  EXPECT_NE(l.records[1].find(" frames=0x8048123,0x8049000,0x0,0xb7f01000"), std::string::npos) << l.records[1];
+}
