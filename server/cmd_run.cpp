@@ -27,6 +27,24 @@ int fail(const std::string &reason, int status) {
   return status;
 }
 
+// The last words of a run: what was collected and where it is.
+void summarize(const RunRecord &record) {
+  size_t collected = 0;
+  bool root_asked = false;
+  for (const ProcessInfo &p : record.processes) {
+    collected += p.ready ? 1 : 0;
+    root_asked = root_asked || (p.pid == record.root_pid && p.configs > 0);
+  }
+  if (!root_asked)
+    std::cerr << "vorx: warning: the program never asked for its configuration, so nothing was "
+                 "collected; check that the engine and the collector library load"
+              << std::endl;
+  std::cerr << "vorx: " << collected << (collected == 1 ? " process" : " processes") << " collected, "
+            << record.errors << (record.errors == 1 ? " error" : " errors") << "; results in "
+            << record.results_dir << " (read them with: vorx report " << record.results_dir << ")"
+            << std::endl;
+}
+
 }  // namespace
 
 int command_run(int argc, char **argv) {
@@ -92,6 +110,6 @@ int command_run(int argc, char **argv) {
   record.errors = reports.count("error");
   record.warnings = reports.count("warning");
   if (!write_manifest(record, error)) std::cerr << "vorx run: " << error << std::endl;
-  std::cerr << "vorx: results in " << results << std::endl;
+  summarize(record);
   return record.exit_status;
 }
