@@ -2,8 +2,9 @@
 // linear sweep of its executable sections, used to refuse probes whose patch some branch lands inside.
 //
 // The sweep of libc costs tens of milliseconds, paid by every process that sets a probe there, so the index
-// is kept in a per-user cache file keyed by the module file's identity (device, inode, size, mtime):
-//   $KEL_CACHE_DIR, else $XDG_CACHE_HOME/kel, else $HOME/.cache/kel;  one file per module version.
+// is kept in a per-user cache file, one per module path (so a rebuilt module replaces its old entry), that
+// holds the file's identity (device, inode, size, mtime) and is used only when that still matches:
+//   $KEL_CACHE_DIR, else $XDG_CACHE_HOME/kel, else $HOME/.cache/kel.
 // The file holds link-time offsets (run-time address minus load offset), so one file serves every load
 // address. A file that does not read back exactly is ignored and rebuilt.
 #include <fcntl.h>
@@ -23,14 +24,22 @@ namespace {
 LEVEL_BASE::KNOB<BOOL> g_knob_cache(LEVEL_BASE::KNOB_MODE_WRITEONCE, "kel", "branch_index_cache", "1",
                                     "keep modules' branch-target indexes in a per-user cache directory");
 
-constexpr uint32_t kMagic = 0x31494b42;  // "BKI1"
+constexpr uint32_t kMagic = 0x32494b42;  // "BKI2"
 
 struct Header {
   uint32_t magic;
   uint32_t count;
+  uint64_t device;
+  uint64_t inode;
   uint64_t size;
   uint64_t mtime_ns;
 };
+
+uint32_t fnv1a(const std::string& text) {
+  uint32_t hash = 2166136261u;
+  for (unsigned char c : text) hash = (hash ^ c) * 16777619u;
+  return hash;
+}
 
 std::string cache_directory() {
   if (const char* dir = getenv("KEL_CACHE_DIR"); dir && *dir) return dir;
@@ -47,12 +56,13 @@ std::string cache_file(const Image& image, Header* identity) {
   std::string dir = cache_directory();
   if (dir.empty()) return {};
   identity->magic = kMagic;
+  identity->device = static_cast<uint64_t>(st.st_dev);
+  identity->inode = static_cast<uint64_t>(st.st_ino);
   identity->size = static_cast<uint64_t>(st.st_size);
   identity->mtime_ns = static_cast<uint64_t>(st.st_mtim.tv_sec) * 1000000000ull + st.st_mtim.tv_nsec;
   std::string base = image.name.substr(image.name.rfind('/') + 1);
-  char key[64];
-  snprintf(key, sizeof key, "-%llx-%llx.bti", static_cast<unsigned long long>(st.st_dev),
-           static_cast<unsigned long long>(st.st_ino));
+  char key[32];
+  snprintf(key, sizeof key, "-%08x.bti", fnv1a(image.name));
   return dir + "/" + base + key;
 }
 
@@ -70,8 +80,9 @@ bool load(const std::string& path, const Header& identity, uintptr_t offset, std
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   Header h{};
-  bool ok = read_all(fd, &h, sizeof h) && h.magic == identity.magic && h.size == identity.size &&
-            h.mtime_ns == identity.mtime_ns && h.count < (1u << 24);
+  bool ok = read_all(fd, &h, sizeof h) && h.magic == identity.magic && h.device == identity.device &&
+            h.inode == identity.inode && h.size == identity.size && h.mtime_ns == identity.mtime_ns &&
+            h.count < (1u << 24);
   std::vector<uint32_t> offsets;
   if (ok) {
     offsets.resize(h.count);
