@@ -99,6 +99,7 @@ unsigned scalar_width(tf_field_kind_t k)
   case TF_FK_U16: return 2;
   case TF_FK_U32: return 4;
   case TF_FK_U64: return 8;
+  case TF_FK_TAG4: return 4;
   default: return 0;
   }
 }
@@ -147,6 +148,10 @@ public:
       str(f.name, cur_.take_bytes(n));
       return true;
     }
+    case TF_FK_TAG4:
+      if (!need(f.name, 4)) return false;
+      str(f.name, cur_.take_bytes(4));
+      return true;
     case TF_FK_STRREST:
       str(f.name, cur_.take_bytes(cur_.left()));
       return true;

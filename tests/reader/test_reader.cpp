@@ -246,3 +246,16 @@ TEST(Dump, OnlineStacksShowTheirFrames)
   ASSERT_EQ(l.records.size(), 2u);
   EXPECT_NE(l.records[1].find(" frames=0x8048123,0x8049000,0x0,0xb7f01000"), std::string::npos) << l.records[1];
 }
+
+TEST(Dump, InterpreterRecordsShowTheirTag)
+{
+  TraceBuilder b;
+  b.put(64, [](std::uint8_t *d) {
+    std::uint32_t pos = tf_interpreter_put_head(d, 'P' | 'Y' << 8 | 'T' << 16 | 'E' << 24, 4);
+    tf_st32(d + pos, 321); // the thread id of a "PYTE" record
+    return pos + 4;
+  });
+  Lines l = tokenize(b.bytes());
+  ASSERT_EQ(l.records.size(), 2u);
+  EXPECT_EQ(l.records[1], "@8 interpreter desc=0x03000000 size=12 type=2 tag=\"PYTE\" body=[4x1]41010000");
+}

@@ -11,7 +11,7 @@ import os
 import re
 import sys
 
-SCALAR = {"u8": 1, "u16": 2, "u32": 4, "u64": 8}
+SCALAR = {"u8": 1, "u16": 2, "u32": 4, "u64": 8, "tag4": 4}
 SIZEK = {"size16", "size32", "sizevar", "api_size"}
 VARK = {"str16", "str8", "strrest", "arr8", "arr16", "arr32", "ents16", "ents32", "rest", "args"}
 CTYPE = {1: "uint8_t", 2: "uint16_t", 4: "uint32_t", 8: "uint64_t"}
@@ -564,7 +564,7 @@ def gen_test_header(records):
 
 # ------------------------------------------------------------------ schema
 
-KIND_ENUM = {"u8": "TF_FK_U8", "u16": "TF_FK_U16", "u32": "TF_FK_U32", "u64": "TF_FK_U64",
+KIND_ENUM = {"tag4": "TF_FK_TAG4", "u8": "TF_FK_U8", "u16": "TF_FK_U16", "u32": "TF_FK_U32", "u64": "TF_FK_U64",
              "size16": "TF_FK_SIZE16", "size32": "TF_FK_SIZE32", "sizevar": "TF_FK_SIZEVAR",
              "api_size": "TF_FK_SIZE16", "str16": "TF_FK_STR16", "str8": "TF_FK_STR8",
              "strrest": "TF_FK_STRREST", "arr8": "TF_FK_ARR8", "arr16": "TF_FK_ARR16",

@@ -16,7 +16,8 @@ typedef enum tf_field_kind {
   TF_FK_STR16, TF_FK_STR8, TF_FK_STRREST,
   TF_FK_ARR8, TF_FK_ARR16, TF_FK_ARR32,
   TF_FK_ENTS16, TF_FK_ENTS32,
-  TF_FK_REST, TF_FK_ARGS
+  TF_FK_REST, TF_FK_ARGS,
+  TF_FK_TAG4 /* four characters stored as a u32 */
 } tf_field_kind_t;
 
 typedef struct tf_field_desc {
