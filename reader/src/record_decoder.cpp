@@ -328,6 +328,7 @@ bool decode_record(Bytes rec, Record &out, std::string &error)
   out.schema = nullptr; // reset in place: the field vector keeps its memory between records
   out.api = nullptr;
   out.function = {};
+  out.record_name = "unknown";
   out.type = -1;
   out.fields.clear();
   out.raw = rec;
@@ -355,6 +356,7 @@ bool decode_record(Bytes rec, Record &out, std::string &error)
     }
   }
   const tf_schema_t &s = *out.schema;
+  out.record_name = s.name;
   bool alt = out.desc == s.alt_desc && s.alt_desc != s.desc;
   Walker w(rec, out, error);
   w.cursor().take(4);

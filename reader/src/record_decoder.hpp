@@ -29,7 +29,8 @@ struct Record {
   Bytes raw;
   std::vector<Field> fields;
 
-  std::string_view name() const { return schema ? std::string_view(schema->name) : std::string_view("unknown"); }
+  std::string_view record_name = "unknown"; // the schema's name, measured once
+  std::string_view name() const { return record_name; }
   const Field *find(std::string_view n) const
   {
     for (const Field &f : fields)

@@ -117,7 +117,8 @@ void TraceParser::track(const Record &r)
   std::string_view n = r.name();
   counts_[n]++;
   if (r.schema && r.schema->api) api_counts_[r.function.empty() ? std::string_view("(unknown function)") : r.function]++;
-  for (const char *t : {"timestamp", "begin_time", "end_time", "time"}) see_time(num_or(r, t, 0));
+  static constexpr std::string_view kTimeFields[] = {"timestamp", "begin_time", "end_time", "time"};
+  for (std::string_view t : kTimeFields) see_time(num_or(r, t, 0));
   if (n == "hardcfg" || n == "hardcfg3" || n == "hardcfg4" || n == "hardcfg5")
     timesource_hz_ = num_or(r, "timesource_frequency", 0);
   if (n == "marker" && !marker_) marker_ = {num_or(r, "count", 0), num_or(r, "wall_clock", 0)};
