@@ -20,5 +20,10 @@ void vorx_init_jit_support(void) {}
 void vorx_init_projection_manager(void) {}
 void vorx_init_handles_db(void) {}
 void vorx_init_stack_walk(void) {}
+void vorx_init_runtime(void) {}
+
+// The control service: started at the end of start-up and stopped on exit.
+void vorx_start_notification_service(uint32_t, int) {}
+void vorx_stop_notification_service(void) {}
 
 }  // extern "C"

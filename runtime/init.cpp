@@ -1,7 +1,7 @@
 // Start-up of the collector: the init type, the per-start record, the engine
 // callbacks registered at each start, the gates inside the application's own
 // start-up that open the runtime, and the opening itself (vorx_attach).
-#include <errno.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -21,6 +21,8 @@
 #include "vorx_init.h"
 #include "vorx_log.h"
 #include "vorx_timesource.h"
+#include "thread_start.h"
+#include "vorx_environ.h"
 #include "workspace.h"
 #include "writer.h"
 #include "module_map.h"
@@ -108,13 +110,13 @@ extern "C" void vorx_create(void) {
   vorx_init_signal_manager();
   VORX_ASSERT(g_vorx_thread_manager == nullptr);
   vorx_thread_manager_create(&g_vorx_thread_manager, kGlobalBlockSize, vorx_alloc_global, vorx_free_global,
-                             vorx_detach);
+                             vorx_detach, nullptr);
   VORX_ASSERT(g_vorx_thread_manager != nullptr);
   vorx_reset_detach_complete();
   VORX_ASSERT(g_vorx_tmu_creator == nullptr);
-  g_vorx_tmu_creator = vorx_tmu_creator_alloc();
+  g_vorx_tmu_creator = vorx_tmu_creator_alloc(0);
   VORX_ASSERT(g_vorx_tmu_creator != nullptr);
-  vorx_tmu_creator_set_state(g_vorx_tmu_creator, vorx_tmu_creator_state_active);
+  vorx_tmu_creator_set_state(g_vorx_tmu_creator, 1);
 }
 
 extern "C" void vorx_init_logging(void) {
@@ -151,7 +153,8 @@ extern "C" uint32_t vorx_init(const char *server_name, void **out_global) {
 
   vorx_init_jit_support();
   vorx_init_projection_manager();
-  vorx_timesource_init(conf->time_source, conf->time_source_text);
+  // Without a choice from the server, the source that suits this machine.
+  if (!vorx_timesource_init(conf->time_source)) vorx_timesource_init(vorx_timesource_auto_select());
   vorx_init_crash_signal_handler();
 
   vorx_init_stacks_collection();
@@ -272,7 +275,7 @@ extern "C" void vorx_init_profiled_process_env(void) {
       vorx_env_setenv(name, value, 1);
       continue;
     }
-    char *old = vorx_env_getenv_copy(name);
+    const char *old = vorx_env_getenv(name);
     if (!old) {
       vorx_env_setenv(name, value, 1);
     } else if (!strstr(old, value)) {
@@ -284,22 +287,27 @@ extern "C" void vorx_init_profiled_process_env(void) {
         free(joined);
       }
     }
-    free(old);
   }
 }
 
 namespace {
 
 void register_initial_thread(void) {
-  vorx_address_t handle = vorx_current_thread_handle();
-  VORX_ASSERT(handle != 0);
-  if (vorx_register_thread(handle, 1) != vorx_er_success) return;
+  vorx_registration_data reg{};
+  reg.handle = vorx_get_thread_handle(sal_thread_id());
+  VORX_ASSERT(reg.handle != 0);
+  reg.reg_type = vorx_th_reg_self;
+  if (vorx_register_thread(&reg) != vorx_thread_manager_op_err_ok) return;
+  bool with_errno = !g_vorx_conf->no_libc_runtime;
+  vorx_runtime_state state{};
+  vorx_ts_desc_t *key = nullptr;
   vorx_workspace *wsp = nullptr;
-  vorx_u32_t saved = 0;
-  if (vorx_enter_runtime_and_store_errno_cond(&wsp, &saved, !g_vorx_conf->no_libc_runtime)) {
+  int saved = 0;
+  if (vorx_enter_runtime_and_store_errno_cond(&state, &key, &wsp, &saved, with_errno) ==
+      vorx_thread_manager_op_err_ok) {
     vorx_simulate_thread_start_routine_wrapper_pre(wsp, g_vorx_entry_point_orig);
     wsp->thread_start_pending = false;
-    vorx_leave_runtime_and_restore_errno_cond(wsp, saved, !g_vorx_conf->no_libc_runtime);
+    vorx_leave_runtime_and_restore_errno_cond(key, wsp, &state, saved, with_errno);
   }
   vorx_log(vorx_log_level_trace, "registering the initial thread ... done");
 }
@@ -314,7 +322,6 @@ extern "C" void vorx_attach(void *global) {
 
   vorx_init_stack_walk();
   vorx_put_initial_process_records(vorx_global_process_tmu(global));
-  if (!conf->no_libc_runtime) vorx_module_map_load(global);
   vorx_init_runtime();
   if (!conf->no_libc_runtime) vorx_init_profiled_process_env();
   if (conf->attach_requested == 0 && has_collection(vorx_cl_cpu)) vorx_init_cpu_profiling(1);
@@ -346,7 +353,9 @@ extern "C" void vorx_attach(void *global) {
 extern "C" void vorx_abort(void *global) {
   g_vorx_is_rtl_initialized = 0;
   vorx_fini_crash_signal_handler();
-  vorx_free_module_map_global();
+  VORX_ASSERT(g_vorx_module_map != nullptr);
+  vorx_free_module_map(g_vorx_module_map);
+  g_vorx_module_map = nullptr;
   vorx_unlink_callback_tables();
   vorx_reset_process_trace_counter();
   if (global) vorx_thread_manager_unlock_global(g_vorx_thread_manager);

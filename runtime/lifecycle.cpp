@@ -18,6 +18,7 @@
 #include "vorx_init.h"
 #include "vorx_log.h"
 #include "vorx_tmu.h"
+#include "trace_names.h"
 #include "workspace.h"
 #include "writer.h"
 
@@ -61,18 +62,6 @@ extern "C" void vorx_remove_probes(void) {
 
 extern "C" void vorx_finalize_per_process_trace(vorx_tmu_t *unit) {
   if (unit) unit->spill(unit);
-}
-
-extern "C" vorx_u32_t vorx_detach_thread(vorx_ts_desc_t *, void *data, void *) {
-  auto *wsp = static_cast<vorx_workspace *>(data);
-  vorx_flush_incomplete_wait(wsp);
-  put_thread_name_record(wsp);
-  put_old_thread_record(wsp);
-  if (g_vorx_conf->per_thread_files == 1) {
-    vorx_finalize_per_process_trace(wsp->master_tmu);
-    vorx_finalize_per_process_trace(wsp->aux_tmu);
-  }
-  return vorx_thread_manager_op_err_ok;
 }
 
 extern "C" vorx_u32_t vorx_detach(void *global) {

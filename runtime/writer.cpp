@@ -6,6 +6,8 @@
 
 #include <string.h>
 
+#include <initializer_list>
+
 #include "sal.h"
 #include "sal_allocator.h"
 #include "vorx_tmu.h"
@@ -13,6 +15,8 @@
 #include "vorx_config.h"
 #include "vorx_log.h"
 #include "vorx_timesource.h"
+#include "vorx_probe_params.h"
+#include "vorx_probe_table.h"
 #include "vorx_traceformat.h"
 #include "module_map.h"
 #include "workspace.h"
@@ -156,7 +160,7 @@ extern "C" void vorx_put_hardcfg_record(vorx_tmu_t *unit) {
   vorx_u64_t user_limit = 0x00000000FFFFFFFFull;
   uint8_t pointer_width = 64;
   vorx_arch_t arch = sal_get_os_arch();
-  if (arch == vorx_arch_x86) {
+  if (arch == vorx_arch_ia32) {
     user_limit = 0xFFFFFFFF80000000ull;
     pointer_width = 32;
   } else {
@@ -275,4 +279,77 @@ extern "C" void vorx_put_initial_process_records(vorx_tmu_t *unit) {
   vorx_put_head_marker_record(unit);
   vorx_put_new_process_record(unit);
   g_vorx_module_map->ops->load(g_vorx_module_map, put_module_items, unit);
+}
+
+// ---------------------------------------------------------------- threads
+
+extern "C" void put_new_thread_record(vorx_workspace *wsp) {
+  uint8_t record[40];
+  vorx_u32_t size = tf_thread_writer_put(record, TF_EC_BEGIN, wsp->thread, 0, wsp->registration_kind, now());
+  put_or_die(wsp->master_tmu, record, size, nullptr, 0, __func__);
+}
+
+extern "C" void put_old_thread_record(vorx_workspace *wsp) {
+  uint8_t record[40];
+  vorx_u32_t size = tf_thread_writer_put(record, TF_EC_END, wsp->thread, 0, wsp->registration_kind, now());
+  put_or_die(wsp->master_tmu, record, size, nullptr, 0, __func__);
+}
+
+extern "C" void vorx_put_softcfg_record(vorx_workspace *wsp) {
+  // One entry: 0, 1, the sampling interval in microseconds, then 16 zero bytes.
+  uint8_t tail[2 + 2 + 2 + 28] = {};
+  vorx_u32_t pos = 0;
+  tf_st16(tail + pos, 0);  // a: no entries
+  tf_st16(tail + pos + 2, 0);  // b: no entries
+  tf_st16(tail + pos + 4, 1);  // c: one entry
+  pos += 6;
+  tf_st32(tail + pos, 0);
+  tf_st32(tail + pos + 4, 1);
+  tf_st32(tail + pos + 8, static_cast<vorx_u32_t>(g_vorx_conf->sampling_interval * 1000));
+  pos += 28;
+  uint8_t head[32];
+  vorx_u32_t head_size = tf_softcfg_put_head(head, wsp->thread, pos);
+  put_or_die(wsp->master_tmu, head, head_size, tail, pos, __func__);
+}
+
+extern "C" void vorx_put_initial_thread_records(vorx_workspace *wsp) {
+  put_new_thread_record(wsp);
+  vorx_put_softcfg_record(wsp);
+}
+
+extern "C" void put_thread_name_record(vorx_workspace *wsp) {
+  char name[SAL_THREAD_NAME_SIZE + 1];
+  vorx_size_t name_size = sal_thread_name(wsp->thread, name);
+  if (name_size == 0) return;
+  VORX_ASSERT(name_size <= sizeof(name));
+  // API record 286 of the first form: the time twice, no stack, the name.
+  tf_arg_t args[2];
+  tf_arg_set(&args[0], 1, -1, TF_ARG_ARRAY, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(name)));
+  tf_arg_set(&args[1], 0, 0, 0, 0);
+  uint8_t tail[256];
+  vorx_u32_t tail_size = tf_args_encode(tail, 1, args);
+  vorx_u64_t time = now();
+  uint8_t head[64];
+  vorx_u32_t head_size = tf_apiwrap_v1_put_head(head, tf_api_descriptor(wsp->thread, 0), wsp->thread, 0, time, time,
+                                                0, 286, tail_size);
+  put_or_die(wsp->master_tmu, head, head_size, tail, tail_size, __func__);
+}
+
+// ---------------------------------------------------------------- state
+
+extern "C" void vorx_run_directory_callbacks(uint32_t index, void *wsp, vorx_probe_data_t *data);
+
+extern "C" void vorx_set_profiling_state(void *wsp, vorx_u32_t state) {
+  VORX_ASSERT(state == vorx_st_paused || state == vorx_st_resumed);
+  vorx_configuration *conf = g_vorx_conf;
+  conf->ops->set_state(conf, state);
+  vorx_log(vorx_log_level_trace, "runtime switched to %s state ...", state == vorx_st_paused ? "PAUSE" : "RESUME");
+  // The pause or resume itself is a record of the pseudo function of that state.
+  unsigned id = state == vorx_st_paused ? vorx_pi___ozk_pause : vorx_pi___ozk_resume;
+  unsigned idx = (id * 2 + state) * 2 + 1;
+  VORX_ASSERT(idx < (2u * 2u * vorx_pi_eof));
+  vorx_probe_data_t data;
+  memset(&data, 0, sizeof data);
+  vorx_run_directory_callbacks(idx, wsp, &data);
+  vorx_log(vorx_log_level_trace, "%s record stored in the trace ...", state == vorx_st_paused ? "PAUSE" : "RESUME");
 }

@@ -29,6 +29,11 @@ void vorx_threads_enum_on_detach_callback(void *arg);
 void vorx_on_probes_removed(void *arg);
 void vorx_abort_on_improperly_linked_exe(vorx_start_data *data);
 
+// The end of a collection: every thread, then the process.
+void vorx_detach_runtime(void);
+void vorx_remove_probes(void);
+uint32_t vorx_detach(void *global);
+
 // The gates: each stands in for a module's initialisation routine.
 typedef void (*vorx_init_routine)(int argc, char **argv, char **envp);
 void vorx_libc_init(int argc, char **argv, char **envp, vorx_init_routine original, vorx_start_data *data);

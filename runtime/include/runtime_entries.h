@@ -38,3 +38,13 @@ void vorx_init_profiled_process_env(void);
 #ifdef __cplusplus
 }
 #endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+void vorx_unlink_callback_tables(void);
+void vorx_start_notification_service(uint32_t init_type, int pause_seconds);
+void vorx_stop_notification_service(void);
+#ifdef __cplusplus
+}
+#endif

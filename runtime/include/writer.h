@@ -42,3 +42,12 @@ vorx_u64_t vorx_collector_capabilities(void);
 #ifdef __cplusplus
 }
 #endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+// Switches the collection between paused and resumed and records the change.
+void vorx_set_profiling_state(void *wsp, vorx_u32_t state);
+#ifdef __cplusplus
+}
+#endif
