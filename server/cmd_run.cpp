@@ -20,6 +20,7 @@ using namespace vorx::server;
 namespace {
 
 constexpr int kUsageError = 2;
+constexpr int kCannotExecute = 126;
 constexpr int kCannotStart = 127;
 
 int fail(const std::string &reason, int status) {
@@ -70,6 +71,8 @@ int command_run(int argc, char **argv) {
   std::string error;
   std::string program = find_program(options.command.front(), error);
   if (program.empty()) return fail(error, kCannotStart);
+  if (std::string reason = foreign_program_reason(program); !reason.empty())
+    return fail(reason, kCannotExecute);
   std::string engine = locate_engine(options.engine, error);
   if (engine.empty()) return fail(error, kCannotStart);
   std::string tool = locate_tool(options.tool, error);

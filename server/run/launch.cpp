@@ -1,5 +1,6 @@
 #include "launch.hpp"
 
+#include <elf.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -10,7 +11,9 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 
 namespace vorx::server {
 namespace fs = std::filesystem;
@@ -78,6 +81,16 @@ std::string find_program(const std::string &name, std::string &error) {
   }
   error = "program '" + name + "' was not found in PATH";
   return {};
+}
+
+std::string foreign_program_reason(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  Elf32_Ehdr header{};
+  if (!file.read(reinterpret_cast<char *>(&header), sizeof(header))) return {};
+  if (std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0) return {};
+  if (header.e_ident[EI_CLASS] == ELFCLASS32 && header.e_machine == EM_386) return {};
+  const char *kind = header.e_ident[EI_CLASS] == ELFCLASS64 ? "a 64-bit program" : "not a 32-bit x86 program";
+  return "'" + path + "' is " + kind + "; the collector works inside 32-bit x86 programs only";
 }
 
 std::string own_directory() {

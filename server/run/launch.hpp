@@ -17,6 +17,10 @@ std::string make_results_dir(const std::string &requested, std::string &error);
 // The path of a program as execvp would find it; empty with a reason.
 std::string find_program(const std::string &name, std::string &error);
 
+// A reason when path is an ELF program of another machine than the one the
+// collector lives in (32-bit x86); empty for such programs and for scripts.
+std::string foreign_program_reason(const std::string &path);
+
 // The directory of the running vorx executable.
 std::string own_directory();
 

@@ -73,6 +73,13 @@ std::string read_file(const fs::path &path) {
   return s.str();
 }
 
+int elf_class(const char *path) {
+  std::ifstream in(path, std::ios::binary);
+  char ident[5] = {};
+  in.read(ident, 5);
+  return ident[4];
+}
+
 size_t count(const std::string &text, const std::string &what) {
   size_t n = 0;
   for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) n++;
@@ -181,9 +188,14 @@ TEST_F(VorxRun, UsageErrorsAreClear) {
   o = run_vorx({"run", "--engine", FAKE_KEL, "--", "no_such_program_anywhere"});
   EXPECT_EQ(o.status, 127);
   EXPECT_NE(o.err.find("'no_such_program_anywhere' was not found in PATH"), std::string::npos);
-  o = run_vorx({"run", "--engine", "/nonexistent/kel", "--", "/bin/true"});
+  o = run_vorx({"run", "--engine", "/nonexistent/kel", "--", STANDIN});
   EXPECT_EQ(o.status, 127);
   EXPECT_NE(o.err.find("instrumentation engine was not found"), std::string::npos);
+  if (elf_class("/bin/true") == 2) {  // the host's own programs are 64-bit here
+    o = run_vorx({"run", "--engine", FAKE_KEL, "--", "/bin/true"});
+    EXPECT_EQ(o.status, 126) << o.err;
+    EXPECT_NE(o.err.find("is a 64-bit program"), std::string::npos) << o.err;
+  }
   o = run_vorx({"run", "-e", "EMPTY=", "--", "/bin/true"});
   EXPECT_EQ(o.status, 2);
   o = run_vorx({"frobnicate"});
