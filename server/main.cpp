@@ -2,6 +2,7 @@
 //
 //   vorx run [options] -- <program> [arguments]
 //   vorx report <dir> [options]
+//   vorx pause|resume|stop -p <pid>
 #include <CLI/CLI.hpp>
 #include <cstring>
 #include <iostream>
@@ -25,6 +26,9 @@ struct Subcommand {
 constexpr Subcommand kSubcommands[] = {
     {"run", "Run a program and collect its profile and trace", command_run},
     {"report", "Read the results of a run", command_report_dispatch},
+    {"pause", "Pause the collection in a running process", command_pause},
+    {"resume", "Resume the collection in a running process", command_resume},
+    {"stop", "End the collection in a running process", command_stop},
 };
 
 }  // namespace

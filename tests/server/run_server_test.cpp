@@ -13,6 +13,7 @@
 #include <fstream>
 #include <thread>
 
+#include "control.hpp"
 #include "messages.hpp"
 #include "options.hpp"
 #include "process_table.hpp"
@@ -311,6 +312,32 @@ TEST(Symbols, DebugFileByBuildIdThenByPath) {
 
   EXPECT_FALSE(elf_build_id("/proc/self/status"));  // not an ELF file
   EXPECT_EQ(symbol_file_for("relative/path", root), "relative/path");
+}
+
+// vorx pause|resume|stop speak to a control loop as the collector runs it.
+const char *answer_state_and_stop(const char *command, sal_allocator *allocator, void *) {
+  bool known = std::strcmp(command, "state:Pause") == 0 || std::strcmp(command, "state:Resume") == 0 ||
+               std::strcmp(command, "stop") == 0;
+  return comm_control_handler_respond_with_status(known, allocator, nullptr);
+}
+
+TEST(ControlCommands, DoneRefusedAndUnreachable) {
+  pid_t fake_pid = (pid_t)(1800000000u + (uint32_t)getpid() % 100000u);
+  EXPECT_EQ(send_control_command(fake_pid, "state:Pause"), ControlResult::unreachable);
+  comm_control_state state{};
+  comm_control_server_init(&state);
+  std::thread loop([&] {
+    comm_control_server_loop(&state, answer_state_and_stop, kControlDomain, (uint32_t)fake_pid, "", nullptr);
+  });
+  while (!state.established) std::this_thread::yield();
+  std::string response;
+  EXPECT_EQ(send_control_command(fake_pid, "state:Pause", &response), ControlResult::done);
+  EXPECT_EQ(response, "done");
+  EXPECT_EQ(send_control_command(fake_pid, "state:Resume"), ControlResult::done);
+  EXPECT_EQ(send_control_command(fake_pid, "stop"), ControlResult::done);
+  EXPECT_EQ(send_control_command(fake_pid, "reattach:x.1"), ControlResult::refused);
+  EXPECT_TRUE(comm_control_server_loop_break(&state));
+  loop.join();
 }
 
 TEST(ProcessTable, WaitsForOpenCollectionsAndAnnouncedProcesses) {
