@@ -223,6 +223,37 @@ TEST(HandBuilt, ProcessHeadAndNameMatchTheObject)
   EXPECT_EQ(encode(&p), std::vector<std::uint8_t>(hand, hand + pos + sizeof name));
 }
 
+TEST(HandBuilt, ModuleMapFromASizedHeadAndAPayload)
+{
+  // The writer builds the payload itself and puts the head in front of it.
+  const char name[] = "libc.so.6";
+  std::uint8_t payload[64];
+  std::uint32_t n = 0;
+  tf_st32(payload + n, 0x1000);
+  tf_st32(payload + n + 4, 0x2000);
+  tf_st32(payload + n + 8, 0);
+  payload[n + 12] = 0;
+  tf_st16(payload + n + 13, sizeof name);
+  n += 15;
+  std::memcpy(payload + n, name, sizeof name);
+  n += sizeof name;
+  std::uint8_t head[TF_MODULE_MAP_SIZED_HEAD_SIZE];
+  ASSERT_EQ(tf_module_map_put_sized_head(head, 555, n), 20u);
+  std::vector<std::uint8_t> hand(head, head + 20);
+  hand.insert(hand.end(), payload, payload + n);
+
+  tf_record_module_map_t m;
+  tf_record_module_map_init(&m);
+  m.timestamp = 555;
+  m.start = 0x1000;
+  m.end = 0x2000;
+  m.name = name;
+  EXPECT_EQ(encode(&m), hand);
+  std::uint8_t untimed[TF_MODULE_MAP_UNTIMED_SIZED_HEAD_SIZE];
+  EXPECT_EQ(tf_module_map_untimed_put_sized_head(untimed, n), 8u);
+  EXPECT_EQ(ld16(untimed + 4), n + 4);
+}
+
 TEST(HandBuilt, CollectorNameWithoutNul)
 {
   // The writer stores "vorx" with length 4 and no NUL: 33 bytes, size 29.

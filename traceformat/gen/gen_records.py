@@ -61,6 +61,13 @@ class Record:
             out.append(f)
         return out
 
+    def sized_head(self):
+        """The fields up to and including the size field, or None without one."""
+        for i, f in enumerate(self.fields):
+            if f.kind in SIZEK:
+                return self.fields[:i + 1]
+        return None
+
     def tail(self):
         return self.fields[len(self.head()):]
 
@@ -156,13 +163,14 @@ def map_expr(f, var):
     return expr
 
 
-def head_params(r):
+def head_params(r, fields=None):
+    fields = r.head() if fields is None else fields
     params = []
     if r.has_alt:
         params.append("int alt")
     if r.api:
         params.append("uint32_t descriptor")
-    for f in r.head():
+    for f in fields:
         if f.kind in SCALAR and f.const is None and f.mapvar is None:
             params.append("%s %s" % (CTYPE[f.width], f.name))
         elif f.mapvar is not None:
@@ -170,14 +178,15 @@ def head_params(r):
     return params
 
 
-def emit_head_body(r, out, tail_expr):
+def emit_head_body(r, out, tail_expr, fields=None):
     """Body of a head writer: stores every head field at its offset; returns the length.
     Sizes are computed from the head length and tail_expr."""
+    fields = r.head() if fields is None else fields
     out.append("  uint32_t pos = 0;")
     desc = "descriptor" if r.api else ("(alt ? 0x%08Xu : 0x%08Xu)" % (r.alt, r.desc) if r.has_alt else "0x%08Xu" % r.desc)
     out.append("  tf_st32(d, %s); pos += 4;" % desc)
     size_at = None
-    for f in r.head():
+    for f in fields:
         guard = ""
         if f.optbit:
             guard = "if (descriptor & 0x%Xu) " % f.optbit
@@ -203,7 +212,7 @@ def emit_head_body(r, out, tail_expr):
             else:
                 out.append("  pos += 2; tf_st16(d + pos, %s); pos += 2;" % tval)
     if size_at:
-        f = [x for x in r.head() if x.kind in SIZEK][0]
+        f = [x for x in fields if x.kind in SIZEK][0]
         total = "(pos - size_at + (%s))" % tail_expr
         if f.kind == "sizevar":
             out.append("  if (alt) tf_st32(d + size_at, %s); else tf_st16(d + size_at, (uint16_t)%s);" % (total, total))
@@ -375,6 +384,15 @@ def gen_header(records, apis):
                      "   number of bytes the caller writes behind them. Returns the head length. */")
             h.append("static inline uint32_t tf_%s_put_head(%s, uint32_t tail_len)\n{" % (r.name, params))
             emit_head_body(r, h, "tail_len")
+            h.append("}")
+        sized = r.sized_head()
+        if sized and sized != r.head():
+            sparams = ", ".join(["uint8_t *d"] + head_params(r, sized))
+            if not r.has_alt and not r.api:
+                h.append("#define TF_%s_SIZED_HEAD_SIZE %su" % (N, 4 + sum(f.width for f in sized)))
+            h.append("/* Writes the fields up to the size and type; tail_len is everything behind them. */")
+            h.append("static inline uint32_t tf_%s_put_sized_head(%s, uint32_t tail_len)\n{" % (r.name, sparams))
+            emit_head_body(r, h, "tail_len", sized)
             h.append("}")
         if r.obj:
             h.append("typedef struct __attribute__((packed)) tf_record_%s {" % r.name)
