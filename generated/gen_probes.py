@@ -8,6 +8,7 @@ output directory of the build tree:
   vorx_probes.def          X-macro list of every id (guarded: define VORX_PROBE before including it)
   vorx_modules.def         X-macro list of the module descriptors (guarded: define VORX_MODULE)
   vorx_probe_table.c       g_vorx_probes_table, g_vorx_pt_id, g_vorx_instrumented_modules, the bitmaps
+  vorx_catalogue.md        the catalogue as this build lays it out, for people
   vorx_probe_params.h      one parameter record u_<fn> per function, the probe-data record, call types
   vorx_wrappers_<k>.cpp    one wrapper vorx_<fn>_mod<M>_ver<V> per row, all from wrapper_template.h
 
@@ -559,6 +560,22 @@ def syscall_dispatch(desc, fn, mod, ver, layout):
                 fn.cname, mod, ver, fn.cname, fn.params[0].name, number, wrapper_name(futex, m, v), fargs))
 
 
+def write_docs(desc, layout, out):
+    """A readable catalogue of the build: what each id is, where it is looked for, what collects it."""
+    L = ['<!-- %s -->' % banner(desc.path, '').strip(), '# Probe catalogue', '',
+         '%d ids, %d with wrappers, %d probe-table rows.' % (
+             len(desc.functions), sum(f.wrapped for f in desc.functions), layout.rows), '',
+         '| Id | Name | Kind | Rows | args_size | Modules (mod index order) | Collections |',
+         '|---|---|---|---|---|---|---|']
+    for fn in desc.functions:
+        mods = ', '.join(('' if m.listed else '~') + ('' if m.has_pointer else '!') + m.name
+                         for m in layout.modules[fn.id]) or '-'
+        L.append('| %d | `%s` | %s | %d | %d | %s | %s |' % (
+            fn.id, fn.name, fn.kind, layout.pt_id[fn.id + 1] - layout.pt_id[fn.id], fn.args_size, mods,
+            ', '.join(fn.collections) or '-'))
+    out['vorx_catalogue.md'] = '\n'.join(L) + '\n'
+
+
 def generate(desc_path, out_dir, documented_layout=False, with_wrappers=True):
     desc = Description(desc_path)
     layout = Layout(desc, documented_layout)
@@ -567,6 +584,7 @@ def generate(desc_path, out_dir, documented_layout=False, with_wrappers=True):
     write_defs(desc, layout, out)
     write_table(desc, layout, out)
     write_params(desc, layout, out)
+    write_docs(desc, layout, out)
     if with_wrappers:
         write_wrappers(desc, layout, out)
     os.makedirs(out_dir, exist_ok=True)

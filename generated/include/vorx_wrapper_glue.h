@@ -171,9 +171,9 @@ inline bool heap_insert(unsigned long long size, void* block) {
 }
 inline bool heap_delete(void* block) { return vorx_mem_obj_htable_delete(g_vorx_mem_obj_htable, block) != 0; }
 
-inline void lock_global() {
+inline bool lock_global() {
     void* global = nullptr;
-    vorx_thread_manager_lock_global(g_vorx_thread_manager, &global);
+    return vorx_thread_manager_lock_global(g_vorx_thread_manager, &global) == vorx_thread_manager_op_err_ok;
 }
 inline void unlock_global() { vorx_thread_manager_unlock_global(g_vorx_thread_manager); }
 

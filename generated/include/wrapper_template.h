@@ -291,9 +291,12 @@ template <class T>
 inline void run_callbacks(frame_t<T>& f, unsigned order) {
     unsigned index = VORX_CALLBACK_INDEX(T::id, f.data.locals.state, order);
     if constexpr (T::kind == kind::counted) {
-        glue::lock_global();
-        glue::run_callbacks(index, f.wsp, &f.data);
-        glue::unlock_global();
+        // the annotation API's counted objects are shared by all threads: their records are made under the
+        // global lock, and not at all once the collector has closed
+        if (glue::lock_global()) {
+            glue::run_callbacks(index, f.wsp, &f.data);
+            glue::unlock_global();
+        }
     } else {
         glue::run_callbacks(index, f.wsp, &f.data);
     }
@@ -509,12 +512,11 @@ inline typename T::result_t wrap(typename T::params_t& args) {
         if constexpr (waits) push_wait(f);  // step 8
 
         if constexpr (T::kind == kind::replaced) {
-            // the owning subsystem decides how the original is reached; it runs at the original's level
-            glue::runtime_level(f.wsp) = level_original;
+            // steps 9 to 12 belong to the owning subsystem's routine: it decides how (and at which level, with
+            // which signals) the original is reached, and stores the result in the probe data
             glue::errno_set(f.err);
             if (!T::replaced(f.wsp, &f.data, own_trampoline<T>(M, V))) T::call(own_trampoline<T>(M, V), f.p());
             f.err = glue::errno_get();
-            glue::runtime_level(f.wsp) = level_runtime;
         } else {
             leave(f, level_original);  // step 9
             call<T, M, V>(f);          // step 10

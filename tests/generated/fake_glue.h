@@ -153,7 +153,10 @@ inline bool heap_delete(void* block) {
         }
     return false;
 }
-inline void lock_global() { ++fake::st().global_locks; }
+inline bool lock_global() {
+    ++fake::st().global_locks;
+    return true;
+}
 inline void unlock_global() {}
 inline void detach_runtime() { ++fake::st().detaches; }
 inline void stop_notification_service() { ++fake::st().stops; }

@@ -22,6 +22,8 @@ long vorx_syscall_mod1_ver0(long number, long a1, long a2, long a3, long a4, lon
 void vorx_exit_mod1_ver0(int status);
 char* vorx_getenv_mod1_ver0(const char* name);
 int vorx_socket_mod1_ver0(int domain, int type, int protocol);
+void vorx___ozk_counter_inc_mod1_ver0(void* counter);
+int vorx_sigaction_mod1_ver0(int sig, const void* act, void* oact);
 }
 
 namespace {
@@ -323,6 +325,26 @@ TEST_F(Wrappers, EventsAlwaysReportAndKeepNoWait) {
     ASSERT_EQ(fake::st().callbacks.size(), 2u);
     EXPECT_EQ(fake::st().callbacks[1].index, index(vorx_pi_socket, 1, 1));
     EXPECT_EQ(fake::st().wsp.incomplete_wait, nullptr);
+}
+
+int counter_calls = 0;
+void fake_counter_inc(void*) { ++counter_calls; }
+int sigaction_calls = 0;
+int fake_sigaction(int, const void*, void*) { return ++sigaction_calls, 0; }
+
+TEST_F(Wrappers, CountedCallsRecordUnderTheGlobalLockAndReplacedOnesFallBackToTheOriginal) {
+    set_row(vorx_pi___ozk_counter_inc, 3, 1, 0, (void*)&fake_counter_inc);
+    int counter = 0;
+    vorx___ozk_counter_inc_mod1_ver0(&counter);
+    EXPECT_EQ(counter_calls, 1);
+    EXPECT_EQ(fake::st().callbacks.size(), 2u);
+    EXPECT_EQ(fake::st().global_locks, 2u);  // pre and post
+
+    // no signal subsystem linked in: the weak routine is absent and the original runs as it is
+    set_row(vorx_pi_sigaction, 3, 1, 0, (void*)&fake_sigaction);
+    EXPECT_EQ(vorx_sigaction_mod1_ver0(10, nullptr, nullptr), 0);
+    EXPECT_EQ(sigaction_calls, 1);
+    EXPECT_EQ(fake::st().wsp.runtime_level, 3u);
 }
 
 }  // namespace
