@@ -211,6 +211,7 @@ TEST(ClientWithoutServer, EveryExchangeIsAConnectionFailure) {
   EXPECT_EQ(c->ops->log_message(c.get(), "m", 1, 1), vorx_er_connection_failure);
 }
 
+#ifdef VORX_WITH_CATALOGUE
 // vorx_init_configuration fetches, publishes and derives.
 TEST(InitConfiguration, PublishesTheServersConfigurationWithItsActiveProbes) {
   RecordingServer server;
@@ -250,5 +251,6 @@ TEST(InitConfiguration, NoServerLeavesTheConfigurationAlone) {
   EXPECT_EQ(g_vorx_conf, before);
   vorx_client_install_report_hook(nullptr);
 }
+#endif
 
 }  // namespace
