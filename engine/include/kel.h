@@ -269,8 +269,10 @@ string KEL_Version();
 // Application start: once the images present have been shown (at the first consistent state of the loader in
 // a launched process; after the callback of KEL_AttachProbed).
 BOOL KEL_AddApplicationStartFunction(APPLICATION_START_CALLBACK fn, VOID* arg);
-// Per-thread callbacks of attaching and detaching. Kept, but not called yet: they belong to attaching to a
-// running process, where each thread is visited.
+// Per-thread callbacks: each thread of the process is visited (on itself, in a handler of the engine's visit
+// signal, SIGRTMAX unless -thread_signal says otherwise) when KEL_AttachProbed has re-registered (attach
+// callbacks get the thread's signal mask) and when KEL_DetachProbed has removed the probes. A thread that
+// blocks the visit signal is skipped.
 BOOL KEL_AddThreadAttachProbedFunction(THREAD_ATTACH_PROBED_CALLBACK fn, VOID* arg);
 BOOL KEL_AddThreadDetachProbedFunction(THREAD_DETACH_PROBED_CALLBACK fn, VOID* arg);
 BOOL KEL_AddDetachFunctionProbed(DETACH_PROBE_CALLBACK fn, VOID* arg);

@@ -25,7 +25,8 @@ constexpr char kArgumentSeparator = '\x1f';
 void usage() {
   fprintf(stderr,
           "usage: kel [engine switches] -t <tool.so> [tool switches] -- <program> [args]\n"
-          "  engine switches: -log_level <0-3>, -logfile <path>, -branch_index_cache <0/1>\n");
+          "  engine switches: -log_level <0-3>, -logfile <path>, -branch_index_cache <0/1>,\n"
+          "                   -thread_signal <n>\n");
 }
 
 [[noreturn]] void die(const std::string& message) {

@@ -150,6 +150,13 @@ void forget_probes(uint32_t image_id);  // the image goes: its addresses may ser
 void close_image_code(Image& image);  // end of a load event: the code is read-only again
 void* allocate_code(size_t size);
 
+// Runs `visitor` on every thread of the process (on each thread itself, with its signal mask); returns
+// how many threads it ran on. Threads that block the visit signal are skipped.
+using ThreadVisitor = void (*)(void* signal_mask);
+int visit_all_threads(ThreadVisitor visitor);
+void run_thread_attach_callbacks(void* signal_mask);
+void run_thread_detach_callbacks(void* signal_mask);
+
 // Process services.
 void install_process_hooks(uint32_t libc_image);
 void on_image_loaded(uint32_t id);

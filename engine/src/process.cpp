@@ -107,6 +107,20 @@ bool is_engine_variable(const char* entry) {
 
 }  // namespace
 
+// Visitors of visit_all_threads: on one thread, in a signal handler (or on the caller's thread).
+void run_thread_attach_callbacks(void* signal_mask) {
+  auto& list = callbacks().thread_attach;
+  for (size_t i = 0; i < list.size(); ++i) list[i].fn(signal_mask, list[i].arg);
+}
+std::vector<Registration<LEVEL_KELCLIENT::THREAD_DETACH_PROBED_CALLBACK>>& visiting_detach_callbacks() {
+  static auto* list = new std::vector<Registration<LEVEL_KELCLIENT::THREAD_DETACH_PROBED_CALLBACK>>;
+  return *list;
+}
+void run_thread_detach_callbacks(void*) {
+  auto& list = visiting_detach_callbacks();
+  for (size_t i = 0; i < list.size(); ++i) list[i].fn(list[i].arg);
+}
+
 bool g_tool_started = false;
 bool tool_started() { return g_tool_started; }
 bool program_running() { return g_program_consistent; }
@@ -370,10 +384,15 @@ VOID KEL_DetachProbed() {
   kel::Callbacks& c = callbacks();
   for (auto& r : c.detach)
     if (detach_count < kMaxDetachCallbacks) detach[detach_count++] = r;
+  // The thread detach callbacks are visited outside the lock (the threads' handlers may want it); their
+  // list moves aside by a swap, which allocates nothing.
+  kel::visiting_detach_callbacks().swap(c.thread_detach);
   c.image_load.clear(), c.image_unload.clear(), c.follow_child.clear(), c.detach.clear();
   c.application_start.clear(), c.thread_attach.clear(), c.thread_detach.clear();
   for (auto& list : c.fork) list.clear();
   KEL_UnlockClient();
+  if (!kel::visiting_detach_callbacks().empty()) kel::visit_all_threads(kel::run_thread_detach_callbacks);
+  kel::visiting_detach_callbacks().clear();
   for (size_t i = 0; i < detach_count; ++i) detach[i].fn(detach[i].arg);
   kel::log_line(1, "detached: %zu detach callbacks run", detach_count);
 }
@@ -386,6 +405,10 @@ ATTACH_STATUS KEL_AttachProbed(ATTACH_PROBED_CALLBACK callback, VOID* arg) {
   }
   kel::g_detached = false;
   if (callback) callback(arg);  // registers afresh; images appear to IMG callbacks as they register
+  bool visit = !callbacks().thread_attach.empty();
+  KEL_UnlockClient();
+  if (visit) kel::visit_all_threads(kel::run_thread_attach_callbacks);  // outside the lock, as at detach
+  KEL_LockClient();
   auto start = callbacks().application_start;
   for (auto& r : start) r.fn(r.arg);
   KEL_UnlockClient();

@@ -4,6 +4,7 @@
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <string.h>
@@ -52,8 +53,25 @@ static void* hammer(void* arg) {
   return NULL;
 }
 
+/* Threads that sleep until told; the last one blocks the engine's visit signal. */
+enum { kSleepers = 3 };
+static atomic_int g_wake;
+static void* sleeper(void* arg) {
+  if ((long)arg == kSleepers - 1) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGRTMAX);
+    pthread_sigmask(SIG_BLOCK, &set, NULL);
+  }
+  while (!atomic_load(&g_wake)) usleep(1000);
+  return NULL;
+}
+
 int main(void) {
   g_pid = getpid();
+  pthread_t sleepers[kSleepers];
+  for (long i = 0; i < kSleepers; ++i) pthread_create(&sleepers[i], NULL, sleeper, (void*)i);
+  usleep(20000);
   const unsigned char* entry = (const unsigned char*)dlsym(RTLD_DEFAULT, "getpid");
   CHECK(kel_test_count("getpid") == 1, "tool missing or first count %ld", kel_test_count("getpid"));
   CHECK(entry && entry[0] == 0xe9, "getpid's entry is not a jump while probed");
@@ -64,6 +82,7 @@ int main(void) {
   pthread_t t;
   pthread_create(&t, NULL, detach_from_other_thread, NULL);
   pthread_join(t, NULL);
+  /* That detach visited the detaching thread, main and two sleepers; the third blocks the signal. */
   CHECK(memcmp(probed, entry, 5) != 0, "getpid's entry unchanged by the detach");
   for (int i = 0; i < 10; ++i) CHECK(getpid() == g_pid, "getpid while detached");
   CHECK(kel_test_attach() == 0, "attach refused");
@@ -72,6 +91,18 @@ int main(void) {
   CHECK(kel_test_count("getpid") == 21, "getpid counted %ld times, expected 21", kel_test_count("getpid"));
   CHECK(kel_test_count("detach_callbacks") == 1, "detach callbacks %ld", kel_test_count("detach_callbacks"));
   CHECK(kel_test_count("second_attach_refused") == 1, "a second attach without a detach was accepted");
+  CHECK(kel_test_count("thread_detach_callbacks") == 4, "thread detach callbacks %ld, expected 4",
+        kel_test_count("thread_detach_callbacks"));
+  CHECK(kel_test_count("thread_detach_on_own_thread") == 4, "thread detach callbacks on %ld threads",
+        kel_test_count("thread_detach_on_own_thread"));
+  /* The attach ran on the tool's thread and visited main and two sleepers. */
+  CHECK(kel_test_count("thread_attach_callbacks") == 4, "thread attach callbacks %ld, expected 4",
+        kel_test_count("thread_attach_callbacks"));
+  CHECK(kel_test_count("thread_attach_on_own_thread") == 4, "thread attach callbacks on %ld threads",
+        kel_test_count("thread_attach_on_own_thread"));
+  CHECK(kel_test_count("thread_attach_with_mask") == 4, "thread attach callbacks without a signal mask");
+  atomic_store(&g_wake, 1);
+  for (int i = 0; i < kSleepers; ++i) pthread_join(sleepers[i], NULL);
 
   /* Cycles while four threads run through the entry. */
   pthread_t threads[4];

@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "kel.h"
@@ -130,9 +131,38 @@ void on_detach(void*) {
   pthread_t thread;
   if (g_attach_request && pthread_create(&thread, nullptr, attach_on_request, nullptr) == 0) pthread_detach(thread);
 }
+// Thread callbacks: each call counts, and counts again as "...on_own_thread" when no other call of the
+// same visit ran on its thread (each thread is visited once).
+Counter* g_thread_attach_counter = nullptr;
+Counter* g_thread_attach_own = nullptr;
+Counter* g_thread_detach_counter = nullptr;
+Counter* g_thread_detach_own = nullptr;
+Counter* g_thread_attach_mask = nullptr;
+std::atomic<long> g_visit_tids[2][256];
+std::atomic<int> g_visit_count[2];
+
+void count_visit(int kind, Counter* calls, Counter* own) {
+  long tid = syscall(SYS_gettid);
+  int n = g_visit_count[kind].fetch_add(1) % 256;
+  bool again = false;
+  for (int i = 0; i < n; ++i) again |= g_visit_tids[kind][i].load() == tid;
+  g_visit_tids[kind][n] = tid;
+  calls->calls.fetch_add(1);
+  if (!again) own->calls.fetch_add(1);
+}
+void on_thread_attach(void* signal_mask, void*) {
+  count_visit(0, g_thread_attach_counter, g_thread_attach_own);
+  if (signal_mask) g_thread_attach_mask->calls.fetch_add(1);
+}
+void on_thread_detach(void*) { count_visit(1, g_thread_detach_counter, g_thread_detach_own); }
+
 void register_callbacks(void*) {
+  g_visit_count[0] = 0;
+  g_visit_count[1] = 0;
   IMG_AddInstrumentFunction(on_image, nullptr);
   KEL_AddDetachFunctionProbed(on_detach, nullptr);
+  KEL_AddThreadAttachProbedFunction(on_thread_attach, nullptr);
+  KEL_AddThreadDetachProbedFunction(on_thread_detach, nullptr);
 }
 void detach_now() { KEL_DetachProbed(); }
 
@@ -162,6 +192,11 @@ int main(int argc, char** argv) {
   if (KEL_Init(argc, argv)) return 1;
   g_detach_counter = new_counter("detach_callbacks");
   g_refused_attach_counter = new_counter("second_attach_refused");
+  g_thread_attach_counter = new_counter("thread_attach_callbacks");
+  g_thread_attach_own = new_counter("thread_attach_on_own_thread");
+  g_thread_attach_mask = new_counter("thread_attach_with_mask");
+  g_thread_detach_counter = new_counter("thread_detach_callbacks");
+  g_thread_detach_own = new_counter("thread_detach_on_own_thread");
   register_callbacks(nullptr);
   KEL_StartProgramProbed();
 }
