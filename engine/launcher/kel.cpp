@@ -6,6 +6,7 @@
 // and the whole command line travel in two variables of the engine's own, which the runtime takes out of the
 // environment again before the program sees it.
 #include <elf.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -82,6 +83,10 @@ void check_program(const std::string& program) {
         kel::arch::kArchitectureName + " processes only");
   if (!model.has_interpreter)
     die("program '" + program + "' is statically linked; the engine needs the dynamic loader to enter it");
+  struct stat st {};
+  if (stat(program.c_str(), &st) == 0 && (st.st_mode & (S_ISUID | S_ISGID)) && getuid() != 0)
+    die("program '" + program + "' is set-user-ID or set-group-ID; the loader ignores audit modules there, so "
+        "the engine cannot enter it (run it as its owner, or from a copy without the bit)");
 }
 
 }  // namespace
