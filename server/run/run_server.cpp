@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -192,6 +193,14 @@ void RunServer::serve(comm_client client) {
   comm_client_destroy(&client);
 }
 
+// The root can ask before the launcher has told its pid: fork and exec
+// return in the launcher only after the new program is already starting.
+pid_t RunServer::wait_for_root_pid() const {
+  for (int i = 0; i < 2000 && root_pid_ == 0 && !stopping_; i++)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return root_pid_;
+}
+
 std::string RunServer::configuration_packet(pid_t pid, pid_t parent) {
   ConfigurationPtr conf(base_->ops->clone(base_.get()));
   if (!conf) return {};
@@ -202,7 +211,7 @@ std::string RunServer::configuration_packet(pid_t pid, pid_t parent) {
   conf->origin_process_id = (int32_t)pid;
   conf->process_id = (int32_t)pid;
   conf->parent_process_id = (int32_t)parent;
-  conf->is_root_process = pid == root_pid_;
+  conf->is_root_process = pid == wait_for_root_pid();
   conf->profile_process = !ignored;
   processes_.on_config(pid, parent, name, !ignored);
 

@@ -77,6 +77,7 @@ class RunServer {
   void serve(comm_client client);
   void reap_finished_connections();
   std::string configuration_packet(pid_t pid, pid_t parent);
+  pid_t wait_for_root_pid() const;
   std::optional<std::string> handle_report(const std::string &word, const std::string &body,
                                            pid_t peer_pid);
 

@@ -72,6 +72,7 @@ class Server : public ::testing::Test {
                                          processes, sink);
     std::string error;
     ASSERT_TRUE(server->start(id, error)) << error;
+    server->set_root_pid(1);  // some other process is the root
   }
 
   // One exchange as the collector makes it: connect, send, read the reply.
