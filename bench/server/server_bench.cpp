@@ -59,6 +59,7 @@ struct BenchServer {
     // Above any real process id, below what the client's decimal reading holds.
     uint32_t id = 1900000000u + (uint32_t)getpid() % 100000u;
     if (!server.start(id, error)) throw std::runtime_error(error);
+    server.set_root_pid(1);
     client = vorx_alloc_client(server.name().c_str());
   }
   ~BenchServer() { vorx_free_client(client); }
