@@ -149,7 +149,7 @@ void expect_same(const vorx_configuration &a, const vorx_configuration &b) {
   EXPECT_EQ(as_words(a.word_list_3), as_words(b.word_list_3));
 }
 
-TEST(Configuration, DefaultsAreTheDocumentedOnes) {
+TEST(Configuration, DefaultsBeforeAnyPacket) {
   ConfPtr c = make_conf();
   EXPECT_EQ(c->state, (uint32_t)vorx_st_resumed);
   EXPECT_EQ(c->origin_process_id, (int32_t)getpid());
