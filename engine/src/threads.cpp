@@ -30,7 +30,8 @@ LEVEL_BASE::KNOB<int> g_knob_signal(LEVEL_BASE::KNOB_MODE_WRITEONCE, "kel", "thr
                                     "signal that visits threads for the thread callbacks (0: SIGRTMAX)");
 
 constexpr int kMaxThreads = 4096;
-constexpr long kWaitPerThreadNs = 20 * 1000 * 1000;
+// A busy thread on a loaded machine may wait for a processor that long before it takes the signal.
+constexpr long kWaitPerThreadNs = 250 * 1000 * 1000;
 
 struct Visit {
   int tid;
@@ -112,7 +113,8 @@ int list_threads(Visit* out, int capacity) {
   return count;
 }
 
-// Whether thread `tid` blocks `signal` now, from the SigBlk line of its status.
+// Whether thread `tid` cannot take `signal` now: it blocks it (the SigBlk line of its status), or it is
+// gone or going (a zombie, or dead).
 bool blocks_signal(int tid, int signal) {
   char path[64];
   snprintf(path, sizeof path, "/proc/self/task/%d/status", tid);
@@ -123,6 +125,11 @@ bool blocks_signal(int tid, int signal) {
   syscall(SYS_close, fd);
   if (n <= 0) return true;
   text[n] = 0;
+  if (const char* state = strstr(text, "State:")) {
+    state += 6;
+    while (*state == ' ' || *state == '\t') ++state;
+    if (*state == 'Z' || *state == 'X') return true;
+  }
   const char* line = strstr(text, "SigBlk:");
   if (!line) return false;
   unsigned long long mask = strtoull(line + 7, nullptr, 16);
