@@ -66,14 +66,14 @@ struct comm_client {
     const comm_client_ops *ops;
     int socket;              /* -1 when closed */
     uint32_t pending_length; /* a frame whose header was read, its buffer refused */
-    char *name;              /* owned copy, or null */
+    char *name;              /* not used by the unix operations: always null */
 };
 
 struct comm_server {
     const comm_client_ops *ops;
     char ipc_name[COMM_IPC_NAME_SIZE]; /* "<domain><id>" */
     int socket;                        /* the listening socket, -1 when closed */
-    char *name;                        /* owned copy of ipc_name */
+    char *name;                        /* ipc_name while listening, else null */
     const comm_server_ops *server_ops;
 };
 

@@ -102,9 +102,11 @@ bool comm_control_server_loop(comm_control_state *state, comm_control_process_fn
                               const char *domain, uint32_t id, const char *start_command,
                               void *user)
 {
+    /* Mapped memory: the loop runs on a raw clone that must not use the
+     * heap's per-thread caches (see socket_unix.c). */
     sal_allocator requests, responses;
-    sal_allocator_init(&requests, sal_allocator_type_heap, SAL_ALLOCATOR_NO_LIMIT);
-    sal_allocator_init(&responses, sal_allocator_type_heap, SAL_ALLOCATOR_NO_LIMIT);
+    sal_allocator_init(&requests, sal_allocator_type_mmap, SAL_ALLOCATOR_NO_LIMIT);
+    sal_allocator_init(&responses, sal_allocator_type_mmap, SAL_ALLOCATOR_NO_LIMIT);
     comm_server server;
     bool result = false;
 
@@ -186,7 +188,7 @@ bool comm_control_command_send(uint32_t id, const char *domain, const char *comm
 bool comm_control_command_send_simple(uint32_t id, const char *domain, const char *command)
 {
     sal_allocator allocator;
-    sal_allocator_init(&allocator, sal_allocator_type_heap, SAL_ALLOCATOR_NO_LIMIT);
+    sal_allocator_init(&allocator, sal_allocator_type_mmap, SAL_ALLOCATOR_NO_LIMIT);
     char *response = NULL;
     bool ok = comm_control_command_send(id, domain, command, &response, &allocator) &&
               comm_control_response_is_positive(response);

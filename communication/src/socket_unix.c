@@ -1,6 +1,10 @@
 /*
  * The local unix socket layer: addresses in the abstract namespace, one
  * frame per send, frames read whole into the caller's allocator.
+ *
+ * Nothing here allocates: the control thread that serves commands is a raw
+ * clone that shares its creator's thread-local storage, so it must keep away
+ * from the C library's per-thread heap caches.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -149,7 +153,6 @@ static void unix_destroy(comm_client *client)
         close(client->socket);
     client->socket = -1;
     client->pending_length = 0;
-    free(client->name);
     client->name = NULL;
 }
 
@@ -245,12 +248,6 @@ static vorx_er_t unix_wait_client(comm_server *server, comm_client *out_client)
     fcntl(fd, F_SETFD, FD_CLOEXEC);
     client_reset(out_client, server->ops);
     out_client->socket = fd;
-    if (server->name) {
-        size_t size = strlen(server->name) + 1;
-        out_client->name = malloc(size);
-        if (out_client->name)
-            memcpy(out_client->name, server->name, size);
-    }
     return vorx_er_success;
 }
 
@@ -263,7 +260,6 @@ static void unix_server_destroy(comm_server *server)
         close(server->socket);
     }
     server->socket = -1;
-    free(server->name);
     server->name = NULL;
 }
 
@@ -300,9 +296,7 @@ vorx_er_t comm_server_establish(comm_server *server, const char *domain, uint32_
         return vorx_er_connection_failure;
     }
     server->socket = fd;
-    server->name = malloc((size_t)written + 1);
-    if (server->name)
-        memcpy(server->name, server->ipc_name, (size_t)written + 1);
+    server->name = server->ipc_name;
     if (server->server_ops->publish(server) != vorx_er_success) {
         unix_server_destroy(server);
         return vorx_er_connection_failure;
