@@ -77,9 +77,11 @@ inline void* own_trampoline(unsigned mod, unsigned ver) {
 
 // ---------------------------------------------------------------- steps 1, 4, 5, 9, 16
 
+// The arguments are in the frame already (the paths that never measure need nothing else).
 template <class T, unsigned M, unsigned V>
-inline void set_up(frame_t<T>& f, const typename T::params_t& args) {
-    memset(&f.data, 0, sizeof f.data);
+inline void set_up(frame_t<T>& f) {
+    memset(&f.data.locals, 0, sizeof f.data.locals);
+    f.data.next_wait = nullptr;
     f.data.locals.state = state_unread;
     f.data.locals.stack_policy = stack_full;
     f.data.locals.mod = M;
@@ -88,7 +90,6 @@ inline void set_up(frame_t<T>& f, const typename T::params_t& args) {
     f.data.locals.stack_args = __builtin_frame_address(0);
     f.data.locals.to_aux_tmu = T::to_aux ? 1 : 0;
     f.data.locals.last_probe_id = T::id;
-    T::in(f.data) = args;
 }
 
 // Enters the runtime. ok: signals held, level 1; the first enter keeps the level to return to (a re-enter
@@ -469,7 +470,7 @@ inline typename T::result_t wrap(typename T::params_t& args) {
         return thin_path<T, M, V>(args);
     } else {
         frame_t<T> f;
-        set_up<T, M, V>(f, args);
+        T::in(f.data) = args;
         if constexpr (T::sleep_unit == 1) {
             if (T::sleep_amount(f.p()) == 0) return pass_through<T, M, V>(f, false);  // sleep(0): nothing at all
         }
@@ -489,6 +490,7 @@ inline typename T::result_t wrap(typename T::params_t& args) {
             VORX_WRAPPER_ASSERT(entered == glue::enter_result::acquired || entered == glue::enter_result::not_found);
             return pass_through<T, M, V>(f, false);
         }
+        set_up<T, M, V>(f);  // step 1, done once it is known that the thread is measured here
         // step 5
         if (f.old_level == level_original) {
             glue::is_runtime_in_nested_original(glue::incomplete_wait(f.wsp), T::id, f.wsp);
