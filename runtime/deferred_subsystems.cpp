@@ -26,4 +26,12 @@ void vorx_init_runtime(void) {}
 void vorx_start_notification_service(uint32_t, int) {}
 void vorx_stop_notification_service(void) {}
 
+// Until the signal manager exists no collector signal interrupts a call, and
+// the profiling signal is never armed.
+struct vorx_signal_descr;
+int vorx_signal_internal_arrived(struct vorx_signal_descr *) { return 0; }
+void vorx_signal_clear_internal_arrived(struct vorx_signal_descr *) {}
+void vorx_block_profiling_signal(void) {}
+void vorx_unblock_profiling_signal(void) {}
+
 }  // extern "C"

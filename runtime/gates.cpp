@@ -17,6 +17,7 @@
 #include "vorx_deepbind.h"
 #include "engine_callbacks.h"
 #include "vorx_init.h"
+#include "module_probing.h"
 #include "vorx_log.h"
 
 using namespace LEVEL_KELCLIENT;
@@ -260,4 +261,6 @@ extern "C" void vorx_on_probes_removed(void *) {
   g_instr_global.is_libdl_so_loaded = false;
   g_instr_global.exe_id = 0xFFFFFFFFu;
   g_instr_global.is_exe_initialized = false;
+  vorx_forget_resolved_rows();
+  vorx_signal_detach_complete();
 }

@@ -215,15 +215,9 @@ extern "C" void vorx_put_new_process_record(vorx_tmu_t *unit) { put_process_reco
 extern "C" void put_old_process_record(vorx_tmu_t *unit) { put_process_record(unit, TF_EC_END, __func__); }
 
 extern "C" void put_module_map_record(vorx_tmu_t *unit, const void *payload, vorx_u32_t length) {
-  uint8_t head[32];
-  vorx_u32_t head_size = g_vorx_conf->module_map_flags & 1
-                             ? tf_module_map_put_head(head, now(), 0, 0, 0, 0, 0)
-                             : tf_module_map_untimed_put_head(head, 0, 0, 0, 0, 0);
-  // The generated head already holds an empty payload; the real one replaces it.
-  vorx_u32_t empty_payload = 4 + 4 + 4 + 1 + 2 + 1;
-  head_size -= empty_payload;
-  vorx_u32_t size_at = head_size - 4;
-  tf_st16(head + size_at, static_cast<vorx_u16_t>(length + 4));
+  uint8_t head[TF_MODULE_MAP_HEAD_SIZE];
+  vorx_u32_t head_size = g_vorx_conf->module_map_flags & 1 ? tf_module_map_put_sized_head(head, now(), length)
+                                                           : tf_module_map_untimed_put_sized_head(head, length);
   put_or_die(unit, head, head_size, payload, length, __func__);
 }
 
@@ -352,4 +346,10 @@ extern "C" void vorx_set_profiling_state(void *wsp, vorx_u32_t state) {
   memset(&data, 0, sizeof data);
   vorx_run_directory_callbacks(idx, wsp, &data);
   vorx_log(vorx_log_level_trace, "%s record stored in the trace ...", state == vorx_st_paused ? "PAUSE" : "RESUME");
+}
+
+// A module loaded after the runtime opened: its record goes to the process unit.
+extern "C" void vorx_put_registered_module(void *global, const char *name, uint64_t start, uint64_t end) {
+  put_module_info(vorx_global_process_tmu(global), name, static_cast<vorx_address_t>(start),
+                  static_cast<vorx_address_t>(end));
 }

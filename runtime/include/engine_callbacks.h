@@ -33,6 +33,7 @@ void vorx_abort_on_improperly_linked_exe(vorx_start_data *data);
 void vorx_detach_runtime(void);
 void vorx_remove_probes(void);
 uint32_t vorx_detach(void *global);
+void vorx_signal_detach_complete(void);
 
 // The gates: each stands in for a module's initialisation routine.
 typedef void (*vorx_init_routine)(int argc, char **argv, char **envp);
