@@ -183,14 +183,14 @@ class Description:
         return self._type(0, ctype)[1] if ctype != 'void' else 'void'
 
 
-def platform_module_list(fn, documented_layout):
+def platform_module_list(fn, catalogue_layout):
     """The modules whose rows this build gives to fn.
 
     glibc 2.34 moved the thread, dl and rt functions into libc.so.6 and left libpthread.so.0, libdl.so.2 and
     librt.so.1 as near-empty stubs: a list that names one of them searches libc.so too, appended last so that
     the existing mod indexes and the default-version rules (mod 0 wins ties) stay as they were."""
     mods = list(fn.modules)
-    if documented_layout or not fn.wrapped:
+    if catalogue_layout or not fn.wrapped:
         return mods
     names = [m.name for m in mods]
     if any(n in MOVED_INTO_LIBC for n in names) and 'libc.so' not in names:
@@ -200,9 +200,9 @@ def platform_module_list(fn, documented_layout):
 
 class Layout:
     """Row groups, module lists and bitmaps as this build lays them out."""
-    def __init__(self, desc, documented_layout):
+    def __init__(self, desc, catalogue_layout):
         self.desc = desc
-        self.modules = {fn.id: platform_module_list(fn, documented_layout) for fn in desc.functions}
+        self.modules = {fn.id: platform_module_list(fn, catalogue_layout) for fn in desc.functions}
         self.pt_id = []
         row = 0
         for fn in desc.functions:
@@ -576,9 +576,9 @@ def write_docs(desc, layout, out):
     out['vorx_catalogue.md'] = '\n'.join(L) + '\n'
 
 
-def generate(desc_path, out_dir, documented_layout=False, with_wrappers=True):
+def generate(desc_path, out_dir, catalogue_layout=False, with_wrappers=True):
     desc = Description(desc_path)
-    layout = Layout(desc, documented_layout)
+    layout = Layout(desc, catalogue_layout)
     out = {}
     write_ids(desc, layout, out)
     write_defs(desc, layout, out)
@@ -601,12 +601,12 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument('description', help='functions.desc')
     ap.add_argument('out_dir', help='directory for the generated files (in the build tree)')
-    ap.add_argument('--documented-layout', action='store_true',
+    ap.add_argument('--catalogue-layout', action='store_true',
                     help='do not add libc.so to the lists of libpthread.so, libdl.so and librt.so functions')
     ap.add_argument('--summary', action='store_true', help='print the row and module counts')
     args = ap.parse_args()
     try:
-        desc, layout = generate(args.description, args.out_dir, args.documented_layout)
+        desc, layout = generate(args.description, args.out_dir, args.catalogue_layout)
     except DescError as e:
         print('gen_probes.py: error: %s' % e, file=sys.stderr)
         return 1

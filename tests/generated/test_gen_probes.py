@@ -11,11 +11,11 @@ import gen_probes  # noqa: E402
 DESC = os.path.join(GEN_DIR, 'functions.desc')
 
 
-class DocumentedLayout(unittest.TestCase):
+class CatalogueLayout(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.tmp = tempfile.TemporaryDirectory()
-        cls.desc, cls.layout = gen_probes.generate(DESC, cls.tmp.name, documented_layout=True)
+        cls.desc, cls.layout = gen_probes.generate(DESC, cls.tmp.name, catalogue_layout=True)
 
     @classmethod
     def tearDownClass(cls):
@@ -58,13 +58,13 @@ class DocumentedLayout(unittest.TestCase):
 
     def test_fallback_only_adds_libc_last(self):
         with tempfile.TemporaryDirectory() as tmp:
-            _, platform = gen_probes.generate(DESC, tmp, documented_layout=False)
+            _, platform = gen_probes.generate(DESC, tmp, catalogue_layout=False)
         for fn in self.desc.functions:
-            documented = [m.name for m in self.layout.modules[fn.id]]
+            catalogued = [m.name for m in self.layout.modules[fn.id]]
             built = [m.name for m in platform.modules[fn.id]]
-            moved = fn.wrapped and 'libc.so' not in documented and \
-                any(n in ('libpthread.so', 'libdl.so', 'librt.so') for n in documented)
-            self.assertEqual(built, documented + ['libc.so'] if moved else documented, fn.name)
+            moved = fn.wrapped and 'libc.so' not in catalogued and \
+                any(n in ('libpthread.so', 'libdl.so', 'librt.so') for n in catalogued)
+            self.assertEqual(built, catalogued + ["libc.so"] if moved else catalogued, fn.name)
 
 
 class BrokenDescriptions(unittest.TestCase):
