@@ -29,6 +29,18 @@ void* map_block(size_t bytes) {
 
 inline void cpu_relax() { __builtin_ia32_pause(); }
 
+// Waiting for a lock word that another thread holds for a few stores: spin briefly, then give the processor
+// to that thread in case it was preempted in the middle (raw sched_yield: fine in a signal handler).
+struct backoff {
+    unsigned spins = 0;
+    void wait() {
+        if (++spins < 256)
+            cpu_relax();
+        else
+            sal_yield();
+    }
+};
+
 // ---------------------------------------------------------------- names
 
 // Module names and queued names come from an arena of mappings: the map never touches the application's
@@ -74,10 +86,11 @@ void lock_caches(state_t* s) {
     s->switch_tid.store(sal_thread_id(), std::memory_order_relaxed);
     for (vorx_module_map_cache_t* c = s->caches; c; c = c->link) {
         uint32_t expected = kLockFree;
+        backoff pause;
         while (!__atomic_compare_exchange_n(&c->lock, &expected, kLockWriter, false, __ATOMIC_ACQUIRE,
                                             __ATOMIC_RELAXED)) {
             expected = kLockFree;
-            cpu_relax();
+            pause.wait();
         }
     }
 }
@@ -256,6 +269,7 @@ enum class entered { locked, nested, refused };
 // Seeing it held by a reader means that this reader interrupted its own thread's lookup; seeing it held by
 // a writer that runs on this very thread means that the switch is half done under us: answer nothing.
 entered reader_enter(state_t* s, vorx_module_map_cache_t* c) {
+    backoff pause;
     for (;;) {
         uint32_t expected = kLockFree;
         if (__atomic_compare_exchange_n(&c->lock, &expected, kLockReader, false, __ATOMIC_ACQUIRE,
@@ -263,7 +277,7 @@ entered reader_enter(state_t* s, vorx_module_map_cache_t* c) {
             return entered::locked;
         if (expected == kLockReader) return entered::nested;
         if (s->switch_tid.load(std::memory_order_relaxed) == sal_thread_id()) return entered::refused;
-        cpu_relax();
+        pause.wait();
     }
 }
 
