@@ -1,32 +1,92 @@
-// The directory of callback tables: each collection that records events links
-// its table of pre and post callbacks here, indexed by (id * 2 + state) * 2 + order.
-// Wrappers and the thread start walk it; until event tables are linked it is empty.
+// The directory of callback tables: each collection that records events links its table of pre and post
+// callbacks here, indexed by (id * 2 + state) * 2 + order. Wrappers and the thread start walk it.
 #include <stdint.h>
+#include <string.h>
 
+#include "event_records.h"
 #include "runtime_entries.h"
-#include "vorx_probe_params.h"
+#include "vorx_config.h"
+#include "vorx_log.h"
 
 namespace {
 
-typedef void (*vorx_callback_t)(void *wsp, vorx_probe_data_t *data);
+// Linked at init (before the runtime opens) and unlinked at detach or abort; walked without locks by
+// application threads in between.
+vorx_callback_table* g_vorx_callbacks_dir = nullptr;
 
-struct callback_table {
-  const vorx_callback_t *entries;
-  callback_table *next;
-};
+// Collection 0 is always on; the others by their bit in collection_types.
+vorx_probe_bitmap_t active_callbacks(const vorx_u32_t* collection_types) {
+  vorx_probe_bitmap_t active{};
+  for (unsigned c = 0; c < VORX_COLLECTION_EOF; ++c) {
+    bool on = c == 0 || (collection_types[c / 32] >> (c % 32)) & 1u;
+    const vorx_probe_bitmap_t* map = vorx_collection_to_callback_bitmap(c);
+    if (!on || !map) continue;
+    for (unsigned w = 0; w < VORX_PROBE_BITMAP_BITS / 32; ++w) active.words[w] |= map->words[w];
+  }
+  return active;
+}
 
-// Linked at init (before the runtime opens) and unlinked at detach or abort;
-// walked without locks by application threads in between.
-callback_table *g_vorx_callbacks_dir = nullptr;
+bool link_table(vorx_callback_table* table) {
+  for (vorx_callback_table* t = g_vorx_callbacks_dir; t; t = t->next)
+    if (t == table) return false;
+  table->next = nullptr;
+  vorx_callback_table** tail = &g_vorx_callbacks_dir;
+  while (*tail) tail = &(*tail)->next;
+  *tail = table;
+  return true;
+}
+
+const char* short_name(const vorx_callback_table* table) {
+  return table == &g_vorx_ss_cbks ? "ss" : "tp";
+}
+
+const vorx_u32_t* conf_collections() {
+  static const vorx_u32_t none[VORX_CONF_COLLECTION_WORDS] = {};
+  return g_vorx_conf ? g_vorx_conf->collection_types : none;
+}
 
 }  // namespace
 
-extern "C" void vorx_run_directory_callbacks(uint32_t index, void *wsp, vorx_probe_data_t *data) {
-  for (callback_table *table = g_vorx_callbacks_dir; table; table = table->next)
+extern "C" {
+
+vorx_u32_t vorx_register_callbacks(vorx_callback_table* table, const vorx_u32_t* collection_types) {
+  vorx_probe_bitmap_t active = active_callbacks(collection_types);
+  bool any = false;
+  for (unsigned id = 0; id < vorx_pi_eof; ++id) {
+    bool on = vorx_probe_bitmap_test(&active, id);
+    for (unsigned k = 0; k < 4; ++k) {
+      unsigned idx = id * 4 + k;
+      table->entries[idx] = on ? table->generated[idx] : nullptr;
+      any = any || table->entries[idx] != nullptr;
+    }
+  }
+  if (!any) {
+    VORX_LOG(vorx_log_level_info, "%s callbacks were disabled (no active callback for the collection)",
+             short_name(table));
+    return 0;
+  }
+  link_table(table);
+  VORX_LOG(vorx_log_level_info, "%s callbacks were activated (%s)", short_name(table), table->name);
+  return 1;
+}
+
+void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data) {
+  for (vorx_callback_table* table = g_vorx_callbacks_dir; table; table = table->next)
     if (vorx_callback_t callback = table->entries[index]) callback(wsp, data);
 }
 
-extern "C" void vorx_unlink_callback_tables(void) { g_vorx_callbacks_dir = nullptr; }
+void vorx_unlink_callback_tables(void) {
+  vorx_callback_table* table = g_vorx_callbacks_dir;
+  g_vorx_callbacks_dir = nullptr;
+  while (table) {
+    vorx_callback_table* next = table->next;
+    table->next = nullptr;
+    table = next;
+  }
+}
 
-extern "C" void vorx_init_stacks_collection(void) {}
-extern "C" void vorx_init_threads_profiling(void) {}
+void vorx_init_stacks_collection(void) { vorx_register_callbacks(&g_vorx_ss_cbks, conf_collections()); }
+
+void vorx_init_threads_profiling(void) { vorx_register_callbacks(&g_vorx_tp_cbks, conf_collections()); }
+
+}  // extern "C"

@@ -1,0 +1,62 @@
+/* What the generated event callbacks share: the callback tables and the writing of an API record
+ * through the thread's unit. A record that cannot be written ends the process (message 49): the
+ * trace would otherwise lie about what the application did. */
+#ifndef VORX_EVENT_RECORDS_H
+#define VORX_EVENT_RECORDS_H
+
+#include <stdint.h>
+
+#include "vorx_probe_params.h"
+#include "vorx_probe_table.h"
+#include "workspace.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef void (*vorx_callback_t)(void* wsp, vorx_probe_data_t* data);
+
+/* A table of the callback directory: the generated entries, the entries in force after the collection's
+ * filter, its name and its link. */
+typedef struct vorx_callback_table {
+  const vorx_callback_t* generated; /* VORX_CALLBACK_ENTRIES entries */
+  vorx_callback_t entries[VORX_CALLBACK_ENTRIES];
+  const char* name;
+  struct vorx_callback_table* next;
+} vorx_callback_table;
+
+extern vorx_callback_table g_vorx_tp_cbks; /* "tp_filter": the records of the calls */
+extern vorx_callback_table g_vorx_ss_cbks; /* "ss_filter": stacks at call points */
+extern const vorx_callback_t g_vorx_tp_cbks_generated[VORX_CALLBACK_ENTRIES];
+extern const vorx_callback_t g_vorx_ss_cbks_generated[VORX_CALLBACK_ENTRIES];
+
+/* Applies the filter of collection_types (bitmap words of the configuration) to the table and links it
+ * into the directory; 1 linked, 0 left out because no id of it is active. */
+vorx_u32_t vorx_register_callbacks(vorx_callback_table* table, const vorx_u32_t* collection_types);
+
+/* The unit of the record: aux_tmu when the call says so and the workspace has one. */
+vorx_tmu_t* vorx_cbk_unit(vorx_workspace* wsp, const vorx_probe_data_t* data);
+/* A type 7 record: the call's times, the thread, `id`, then `tail` (version byte and values, or nothing). */
+void vorx_cbk_put_call_record(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
+                              const uint8_t* tail, uint32_t tail_len, const char* callback);
+/* A type 9 record: one time (enter_time), id | 0x80000000, then `tail`. */
+void vorx_cbk_put_point_record(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
+                               const uint8_t* tail, uint32_t tail_len, const char* callback);
+/* The fatal end of a record that the unit refused. */
+void vorx_cbk_record_lost(const char* callback) __attribute__((noreturn));
+
+/* Pieces of a tail, little-endian at any alignment; each returns the bytes written. */
+static inline uint32_t vorx_cbk_u8(uint8_t* d, uint8_t v) { *d = v; return 1; }
+static inline uint32_t vorx_cbk_u32(uint8_t* d, uint32_t v) { __builtin_memcpy(d, &v, 4); return 4; }
+static inline uint32_t vorx_cbk_u64(uint8_t* d, uint64_t v) { __builtin_memcpy(d, &v, 8); return 8; }
+/* u16 length and the text under the record rule (at most 8191 characters and the NUL; null: one NUL). */
+uint32_t vorx_cbk_text_size(const char* text);
+uint32_t vorx_cbk_text(uint8_t* d, const char* text);
+/* The id word of an annotation object (its header's id), 0 for null. */
+uint32_t vorx_cbk_object_id(const void* object);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
