@@ -1,6 +1,7 @@
-// `vorx report <results dir | trace file>... [--dump]`
+// `vorx report <results dir | trace file>... [--dump | --csv] [--chrome FILE] [--folded FILE]`
 #include "vorx_report.h"
 
+#include "trace_export.hpp"
 #include "trace_parser.hpp"
 
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,10 +24,43 @@ namespace {
 
 constexpr std::size_t kChunk = 1u << 20;
 
+constexpr std::size_t kTerminalRows = 25;
+
 const char kUsage[] =
-    "usage: vorx report <results directory | trace file>... [--dump] [--no-progress]\n"
-    "  prints processes, threads, record counts by type and the time span of the traces;\n"
-    "  --dump prints every record with its decoded fields, one record a line\n";
+    "usage: vorx report <results directory | trace file>... [options]\n"
+    "  prints processes and threads, then per thread the time spent waiting by function and by\n"
+    "  synchronisation object, I/O, allocations, tasks and frames (sorted by cost) and counters\n"
+    "  --all            every row of every table (the terminal shows the first 25)\n"
+    "  --csv            the same tables as CSV, one block a table, for scripts\n"
+    "  --chrome FILE    Chrome trace event JSON (chrome://tracing, Perfetto, speedscope)\n"
+    "  --folded FILE    folded stacks for flame graphs: process;thread;...;slice microseconds\n"
+    "  --dump           every record with its decoded fields, one record a line\n"
+    "  --no-progress    no progress line on the terminal\n";
+
+// Writes one export through a temporary name, so that a failed run leaves no half file.
+template <typename Write>
+bool write_export(const std::string &path, const char *what, Write write)
+{
+  std::string tmp = path + ".part";
+  {
+    std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
+    if (out) write(out);
+    out.flush();
+    if (!out) {
+      std::fprintf(stderr, "vorx report: cannot write the %s to %s: %s\n", what, path.c_str(), std::strerror(errno));
+      std::error_code ec;
+      fs::remove(tmp, ec);
+      return false;
+    }
+  }
+  std::error_code ec;
+  fs::rename(tmp, path, ec);
+  if (ec) {
+    std::fprintf(stderr, "vorx report: cannot write the %s to %s: %s\n", what, path.c_str(), ec.message().c_str());
+    return false;
+  }
+  return true;
+}
 
 bool is_trace_name(const std::string &name)
 {
@@ -134,12 +169,22 @@ std::vector<std::string> collect_files(const std::vector<std::string> &inputs, b
 extern "C" int command_report(int argc, char **argv)
 {
   using namespace vorx::report;
-  bool dump = false, progress = isatty(STDERR_FILENO);
+  bool dump = false, csv = false, all = false, progress = isatty(STDERR_FILENO);
+  std::string chrome, folded;
   std::vector<std::string> inputs;
   for (int i = 1; i < argc; i++) {
     std::string a = argv[i];
     if (a == "--dump") dump = true;
+    else if (a == "--csv") csv = true;
+    else if (a == "--all") all = true;
     else if (a == "--no-progress") progress = false;
+    else if (a == "--chrome" || a == "--folded") {
+      if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+        std::fprintf(stderr, "vorx report: %s needs an output file name\n%s", a.c_str(), kUsage);
+        return 2;
+      }
+      (a == "--chrome" ? chrome : folded) = argv[++i];
+    }
     else if (a == "-h" || a == "--help") {
       std::fputs(kUsage, stdout);
       return 0;
@@ -149,6 +194,10 @@ extern "C" int command_report(int argc, char **argv)
     } else {
       inputs.push_back(a);
     }
+  }
+  if (dump && csv) {
+    std::fprintf(stderr, "vorx report: --dump and --csv both take the output; choose one\n");
+    return 2;
   }
   if (inputs.empty()) {
     std::fprintf(stderr, "vorx report: name a results directory or trace file\n%s", kUsage);
@@ -161,7 +210,13 @@ extern "C" int command_report(int argc, char **argv)
   TraceParser parser(stdout, dump);
   for (const std::string &f : files) read_file(f, parser, stats, progress);
   parser.finish(stats);
-  if (!dump) parser.print_summary(stats);
+  if (csv) parser.print_csv_tables();
+  else if (!dump) parser.print_summary(stats, all ? 0 : kTerminalRows);
   std::fflush(stdout);
+  ExportClock clock{parser.first_time().value_or(0), parser.timesource_hz()};
+  if (!chrome.empty())
+    ok &= write_export(chrome, "Chrome trace", [&](std::ostream &o) { write_chrome_trace(o, parser.activity(), clock); });
+  if (!folded.empty())
+    ok &= write_export(folded, "folded stacks", [&](std::ostream &o) { write_folded(o, parser.activity(), clock); });
   return ok && !stats.any(StatSource::Import) ? 0 : 1;
 }

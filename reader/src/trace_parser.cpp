@@ -1,5 +1,7 @@
 #include "trace_parser.hpp"
 
+#include "report_tables.hpp"
+
 #include <cinttypes>
 #include <ctime>
 
@@ -85,9 +87,25 @@ std::string format_record(const Record &r, const Location &where)
   return line;
 }
 
+std::optional<std::uint32_t> pid_of_file_name(const std::string &path)
+{
+  std::size_t slash = path.find_last_of('/');
+  std::string_view name = std::string_view(path).substr(slash == std::string::npos ? 0 : slash + 1);
+  auto digits = [&](std::size_t from) {
+    std::size_t to = from;
+    while (to < name.size() && name[to] >= '0' && name[to] <= '9') to++;
+    return to;
+  };
+  std::size_t dash = digits(0);
+  if (dash == 0 || dash >= name.size() || name[dash] != '-') return std::nullopt;
+  std::size_t dot = digits(dash + 1);
+  if (dot == dash + 1 || dot >= name.size() || name[dot] != '.' || dot - dash - 1 > 9) return std::nullopt;
+  return std::uint32_t(std::stoul(std::string(name.substr(dash + 1, dot - dash - 1))));
+}
+
 void TraceParser::begin_file(const std::string &path, std::uint64_t bytes)
 {
-  files_.push_back({path, {}, bytes, 0});
+  files_.push_back({path, {}, bytes, 0, pid_of_file_name(path)});
   if (dump_) std::fprintf(out_, "== %s\n", path.c_str());
 }
 
@@ -123,16 +141,22 @@ void TraceParser::track(const Record &r)
     timesource_hz_ = num_or(r, "timesource_frequency", 0);
   if (n == "marker" && !marker_) marker_ = {num_or(r, "count", 0), num_or(r, "wall_clock", 0)};
   if (n == "process") {
-    ProcessInfo &p = processes_[std::uint32_t(num_or(r, "tid", 0))];
+    std::uint32_t pid = std::uint32_t(num_or(r, "tid", 0));
+    if (!files_.empty() && !files_.back().pid) files_.back().pid = pid;
+    ProcessInfo &p = processes_[pid];
     std::uint64_t cls = num_or(r, "event_class", 0);
     if (cls == kClassBegin) p.begun = true;
     if (cls == kClassEnd) p.ended = true;
-    if (const Field *f = r.find("name"); f && !f->bytes.empty()) p.name = text_of(f);
+    if (const Field *f = r.find("name"); f && !f->bytes.empty()) {
+      p.name = text_of(f);
+      activity_.name_process(pid, p.name);
+    }
     return;
   }
+  activity_.on_record(file_pid(), r);
   const Field *tid = r.find("tid");
   if (!tid || tid->kind != Field::Kind::Num) return;
-  ThreadInfo &t = threads_[std::uint32_t(tid->num)];
+  ThreadInfo &t = threads_[{file_pid(), std::uint32_t(tid->num)}];
   t.records++;
   if (n == "thread" || n == "thread_writer") {
     std::uint64_t cls = num_or(r, "event_class", 0);
@@ -152,15 +176,24 @@ void TraceParser::on_record(const Record &record, const Location &where)
   }
 }
 
-void TraceParser::finish(Stats &stats) const
+void TraceParser::finish(Stats &stats)
 {
+  activity_.finish();
   for (const auto &[tid, t] : threads_)
     if (t.begun && !t.ended) stats.add(Stat::threads_without_end);
   for (const auto &[pid, p] : processes_)
     if (p.begun && !p.ended) stats.add(Stat::processes_without_end);
 }
 
-void TraceParser::print_summary(const Stats &stats) const
+void TraceParser::print_csv_tables() const
+{
+  for (const Table &t : build_tables(activity_, timesource_hz_)) {
+    print_csv(out_, t);
+    std::fprintf(out_, "\n");
+  }
+}
+
+void TraceParser::print_summary(const Stats &stats, std::size_t max_rows) const
 {
   std::FILE *o = out_;
   std::uint64_t bytes = 0, records = 0;
@@ -171,13 +204,28 @@ void TraceParser::print_summary(const Stats &stats) const
     if (!f.stream_name.empty()) std::fprintf(o, ", stream \"%s\"", f.stream_name.c_str());
     std::fprintf(o, "\n");
   }
-  std::fprintf(o, "processes: %zu\n", processes_.size());
-  for (const auto &[pid, p] : processes_)
-    std::fprintf(o, "  %u %s%s\n", pid, p.name.empty() ? "(no name)" : p.name.c_str(), p.ended ? "" : " (no end record)");
-  std::fprintf(o, "threads: %zu\n", threads_.size());
-  for (const auto &[tid, t] : threads_)
-    std::fprintf(o, "  %u%s%s: %" PRIu64 " records%s\n", tid, t.name.empty() ? "" : " ", t.name.c_str(), t.records,
-                 t.begun && !t.ended ? " (no end record)" : "");
+  std::fprintf(o, "processes: %zu, threads: %zu\n", processes_.size(), threads_.size());
+  std::map<std::uint32_t, bool> listed;
+  auto print_threads = [&](std::uint32_t pid) {
+    for (const auto &[key, t] : threads_) {
+      if (key.first != pid) continue;
+      auto a = activity_.threads().find(key);
+      const std::string &name = a != activity_.threads().end() && !a->second.name.empty() ? a->second.name : t.name;
+      std::fprintf(o, "    thread %u%s%s: %" PRIu64 " records%s\n", key.second, name.empty() ? "" : " ", name.c_str(),
+                   t.records, t.begun && !t.ended ? " (no end record)" : "");
+    }
+  };
+  for (const auto &[pid, p] : processes_) {
+    std::fprintf(o, "  process %u %s%s\n", pid, p.name.empty() ? "(no name)" : p.name.c_str(), p.ended ? "" : " (no end record)");
+    print_threads(pid);
+    listed[pid] = true;
+  }
+  for (const auto &[key, t] : threads_)
+    if (!listed[key.first]) {
+      std::fprintf(o, "  process %u (no process record)\n", key.first);
+      print_threads(key.first);
+      listed[key.first] = true;
+    }
   std::fprintf(o, "records by type:\n");
   for (const auto &[name, n] : counts_) std::fprintf(o, "  %-20.*s %" PRIu64 "\n", int(name.size()), name.data(), n);
   if (!api_counts_.empty()) {
@@ -203,6 +251,12 @@ void TraceParser::print_summary(const Stats &stats) const
   } else {
     std::fprintf(o, "time span: no time stamps\n");
   }
+  if (!timesource_hz_ && first_) std::fprintf(o, "no hardware configuration record: time stamps are taken as nanoseconds\n");
+  for (const Table &t : build_tables(activity_, timesource_hz_)) {
+    std::fprintf(o, "\n");
+    print_table(o, t, max_rows);
+  }
+  std::fprintf(o, "\n");
   for (StatSource src : {StatSource::Recording, StatSource::Import}) {
     std::fprintf(o, "%s:%s\n", src == StatSource::Recording ? "lost while recording" : "import problems",
                  stats.any(src) ? "" : " none");

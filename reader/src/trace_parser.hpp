@@ -1,7 +1,11 @@
 // Receives the records of every file in order and keeps the trackers the summary is made of:
-// processes, threads, record counts by type and the time span.
+// processes, threads, record counts by type and the time span, and the activity tracker that
+// the summary's tables and the exports are made of. Records are charged to the process whose
+// files they come from: the file name "<ppid>-<pid>.<idx>.<ext>" names it, else the file's
+// process record does.
 #pragma once
 
+#include "activity.hpp"
 #include "trace_tokenizer.hpp"
 
 #include <cstdio>
@@ -27,7 +31,11 @@ struct FileInfo {
   std::string stream_name;
   std::uint64_t bytes = 0;
   std::uint64_t records = 0;
+  std::optional<std::uint32_t> pid;
 };
+
+// The process id in a trace file's name "<ppid>-<pid>.<idx>.<ext>", if it has that form.
+std::optional<std::uint32_t> pid_of_file_name(const std::string &path);
 
 class TraceParser : public TraceSink {
 public:
@@ -39,22 +47,29 @@ public:
   void on_record(const Record &record, const Location &where) override;
   void on_stream_name(std::string_view name) override;
   void on_problem(Stat stat, const std::string &message) override;
-  // End of input: turns what the trackers saw into recording-loss counts.
-  void finish(Stats &stats) const;
+  // End of input: turns what the trackers saw into recording-loss counts, and settles the
+  // activity (open slices, nesting, counters).
+  void finish(Stats &stats);
 
-  void print_summary(const Stats &stats) const;
+  // The overview, then the tables (at most max_rows rows each on the terminal; 0: all).
+  void print_summary(const Stats &stats, std::size_t max_rows = 0) const;
+  // The same tables as CSV, nothing else.
+  void print_csv_tables() const;
 
   // Keyed by names of the generated tables, which live as long as the program.
   const std::map<std::string_view, std::uint64_t> &counts() const { return counts_; }
-  const std::map<std::uint32_t, ThreadInfo> &threads() const { return threads_; }
+  const std::map<ThreadKey, ThreadInfo> &threads() const { return threads_; }
   const std::map<std::uint32_t, ProcessInfo> &processes() const { return processes_; }
   std::optional<std::uint64_t> first_time() const { return first_; }
   std::optional<std::uint64_t> last_time() const { return last_; }
   const std::vector<std::string> &problems() const { return problems_; }
+  const ActivityTracker &activity() const { return activity_; }
+  std::uint64_t timesource_hz() const { return timesource_hz_; }
 
 private:
   void track(const Record &r);
   void see_time(std::uint64_t t);
+  std::uint32_t file_pid() const { return files_.empty() ? 0 : files_.back().pid.value_or(0); }
 
   std::FILE *out_;
   bool dump_;
@@ -62,7 +77,8 @@ private:
   std::map<std::string_view, std::uint64_t> counts_;
   std::map<std::string_view, std::uint64_t> api_counts_;
   std::map<std::uint32_t, ProcessInfo> processes_;
-  std::map<std::uint32_t, ThreadInfo> threads_;
+  std::map<ThreadKey, ThreadInfo> threads_;
+  ActivityTracker activity_;
   std::optional<std::uint64_t> first_, last_;
   std::uint64_t timesource_hz_ = 0;
   // The first marker: a time-source count and the wall clock (100 ns units) at one instant.

@@ -1,10 +1,15 @@
 // Fuzz entry of the reader: any bytes, as a plain stream, behind a magic record, or deflated
-// into a compressed block, in chunks of any size. It must never crash nor read out of bounds.
+// into a compressed block, in chunks of any size. It must never crash nor read out of bounds,
+// down to the summary's tables and the exports.
+#include "report_tables.hpp"
+#include "trace_export.hpp"
 #include "trace_parser.hpp"
 
 #include <zlib.h>
 
 #include <cstdint>
+#include <ostream>
+#include <streambuf>
 #include <vector>
 
 namespace {
@@ -14,7 +19,13 @@ struct Sink : vorx::report::TraceSink {
   void on_record(const vorx::report::Record &r, const vorx::report::Location &w) override
   {
     chars += vorx::report::format_record(r, w).size();
+    activity.on_record(7, r);
   }
+  vorx::report::ActivityTracker activity;
+};
+
+struct NullBuf : std::streambuf {
+  int overflow(int c) override { return c; }
 };
 
 void run(const std::vector<std::uint8_t> &bytes, std::size_t chunk)
@@ -25,6 +36,14 @@ void run(const std::vector<std::uint8_t> &bytes, std::size_t chunk)
   for (std::size_t at = 0; at < bytes.size(); at += chunk)
     if (!tok.feed(vorx::report::Bytes(bytes.data() + at, std::min(chunk, bytes.size() - at)))) break;
   tok.finish();
+  sink.activity.finish();
+  NullBuf nb;
+  std::ostream null(&nb);
+  std::FILE *devnull = std::fopen("/dev/null", "w");
+  for (const vorx::report::Table &t : vorx::report::build_tables(sink.activity, 1000)) vorx::report::print_csv(devnull, t);
+  std::fclose(devnull);
+  vorx::report::write_chrome_trace(null, sink.activity, {0, 1000});
+  vorx::report::write_folded(null, sink.activity, {0, 1000});
 }
 
 } // namespace

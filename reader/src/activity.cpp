@@ -1,0 +1,278 @@
+#include "activity.hpp"
+
+#include "api_roles.hpp"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace vorx::report {
+namespace {
+
+// Which wrapped functions block, from the probe catalogue: their calls are waits.
+struct ProbeKind {
+  std::uint32_t id;
+  std::string_view kind;
+};
+#ifdef VORX_READER_HAVE_PROBE_NAMES
+constexpr ProbeKind kProbeKinds[] = {
+#define VORX_PROBE(id, name, cname, kind, ...) {id, #kind},
+#include "vorx_probes.def"
+#undef VORX_PROBE
+};
+#else
+constexpr ProbeKind kProbeKinds[] = {{~0u, ""}};
+#endif
+
+bool probe_blocks(std::uint32_t id)
+{
+  for (const ProbeKind &p : kProbeKinds)
+    if (p.id == id) return p.kind == "wait" || p.kind == "wait_retry";
+  return false;
+}
+
+std::uint64_t num(const Record &r, std::string_view name)
+{
+  const Field *f = r.find(name);
+  return f && f->kind == Field::Kind::Num ? f->num : 0;
+}
+
+std::string text(const Record &r, std::string_view name)
+{
+  const Field *f = r.find(name);
+  return f && f->kind == Field::Kind::Str ? std::string(reinterpret_cast<const char *>(f->bytes.data()), f->bytes.size())
+                                          : std::string();
+}
+
+// The 32-bit argument words of a wrapped function's record, behind the version byte.
+std::optional<std::uint32_t> word(const Record &r, int index)
+{
+  const Field *f = r.find("args");
+  if (!f || index < 0 || f->bytes.size() < std::size_t(index + 1) * 4) return std::nullopt;
+  return ld32(f->bytes.data() + std::size_t(index) * 4);
+}
+
+SliceKind kind_of(ApiRole role)
+{
+  switch (role) {
+  case ApiRole::Sync: case ApiRole::Wait: return SliceKind::Wait;
+  case ApiRole::Io: return SliceKind::Io;
+  case ApiRole::Alloc: return SliceKind::Alloc;
+  case ApiRole::Free: return SliceKind::Free;
+  case ApiRole::Call: break;
+  }
+  return SliceKind::Call;
+}
+
+std::string hex(std::uint64_t v)
+{
+  char b[24];
+  std::snprintf(b, sizeof b, "0x%llx", static_cast<unsigned long long>(v));
+  return b;
+}
+
+// Counter keys: a created counter by its id; a counter of the v3 forms by its domain and name
+// handle, kept apart by the top bit.
+constexpr std::uint64_t kHandleCounter = 1ull << 63;
+std::uint64_t handle_counter(std::uint64_t domain, std::uint64_t name) { return kHandleCounter | (domain << 32) | name; }
+
+// Frames submitted after the fact are named by their domain.
+constexpr std::uint64_t kDomainName = 1ull << 63;
+
+} // namespace
+
+std::string_view slice_kind_name(SliceKind k)
+{
+  switch (k) {
+  case SliceKind::Call: return "call";
+  case SliceKind::Wait: return "wait";
+  case SliceKind::Io: return "io";
+  case SliceKind::Alloc: return "alloc";
+  case SliceKind::Free: return "free";
+  case SliceKind::Task: return "task";
+  case SliceKind::Frame: return "frame";
+  case SliceKind::Event: return "event";
+  }
+  return "?";
+}
+
+void ActivityTracker::on_record(std::uint32_t pid, const Record &r)
+{
+  if (!r.schema || !r.schema->api) return;
+  std::uint32_t tid = std::uint32_t(num(r, "tid"));
+  ThreadTrack &t = threads_[{pid, tid}];
+  t.last_time = std::max({t.last_time, num(r, "end_time"), num(r, "time")});
+  if (r.api) on_annotation(pid, r);
+  else if (!r.function.empty()) on_call(pid, r);
+}
+
+void ActivityTracker::on_call(std::uint32_t pid, const Record &r)
+{
+  const ApiRoleRow *row = find_api_role(r.function);
+  std::uint32_t id = std::uint32_t(num(r, "function_id"));
+  ApiRole role = row ? row->role : probe_blocks(id) ? ApiRole::Wait : ApiRole::Call;
+  Slice s;
+  s.pid = pid;
+  s.tid = std::uint32_t(num(r, "tid"));
+  s.begin = num(r, "begin_time");
+  s.end = std::max(s.begin, num(r, "end_time"));
+  s.kind = kind_of(role);
+  s.name = r.function;
+  if (role == ApiRole::Sync) s.object = word(r, 0);
+  if (row && row->bytes >= 0)
+    if (auto b = word(r, row->bytes)) s.bytes = std::int32_t(*b) < 0 ? 0 : *b;
+  threads_[{pid, s.tid}].slices.push_back(std::move(s));
+}
+
+void ActivityTracker::on_annotation(std::uint32_t pid, const Record &r)
+{
+  std::string_view fn = r.api->name;
+  std::uint32_t tid = std::uint32_t(num(r, "tid"));
+  std::uint64_t t = num(r, "time");
+  ProcessTrack &p = processes_[pid];
+  auto name_into = [&](std::map<std::uint32_t, std::string> &names) { names[std::uint32_t(num(r, "arg1"))] = text(r, "arg0"); };
+  if (fn == "__ozk_thread_set_name" || fn == "__internal_thread_name") threads_[{pid, tid}].name = text(r, "arg0");
+  else if (fn == "__ozk_frame_create") name_into(p.frame_names);
+  else if (fn == "__ozk_domain_create") name_into(p.domain_names);
+  else if (fn == "__ozk_string_handle_create") name_into(p.string_names);
+  else if (fn == "__ozk_event_create") name_into(p.event_names);
+  else if (fn == "__ozk_counter_create") p.counter_names[num(r, "arg2")] = {text(r, "arg0"), text(r, "arg1")};
+  else if (fn == "__ozk_counter_create_typed") p.counter_names[num(r, "arg3")] = {text(r, "arg0"), text(r, "arg1")};
+  else if (fn == "__ozk_task_begin" || fn == "__ozk_task_begin_overlapped") open_slice(pid, tid, t, SliceKind::Task, num(r, fn == "__ozk_task_begin" ? "arg2" : "arg3"), {});
+  else if (fn == "__ozk_task_begin_fn") open_slice(pid, tid, t, SliceKind::Task, 0, hex(num(r, "arg2")));
+  else if (fn == "__ozk_task_end" || fn == "__ozk_task_end_overlapped") close_slice(pid, tid, t, SliceKind::Task, std::nullopt);
+  else if (fn == "__ozk_frame_begin") open_slice(pid, tid, t, SliceKind::Frame, num(r, "arg0"), {});
+  else if (fn == "__ozk_frame_end") close_slice(pid, tid, t, SliceKind::Frame, num(r, "arg0"));
+  else if (fn == "__ozk_event_start") open_slice(pid, tid, t, SliceKind::Event, num(r, "arg0"), {});
+  else if (fn == "__ozk_event_end") close_slice(pid, tid, t, SliceKind::Event, num(r, "arg0"));
+  else if (fn == "__ozk_frame_submit_v3") {
+    Slice s;
+    s.pid = pid, s.tid = tid, s.kind = SliceKind::Frame;
+    s.begin = num(r, "arg2"), s.end = std::max(s.begin, num(r, "arg3"));
+    s.name_key = kDomainName | num(r, "arg0");
+    threads_[{pid, tid}].slices.push_back(std::move(s));
+  } else if (fn == "__ozk_counter_inc") counter_op(pid, t, num(r, "arg0"), 1, false);
+  else if (fn == "__ozk_counter_dec") counter_op(pid, t, num(r, "arg0"), -1, false);
+  else if (fn == "__ozk_counter_inc_delta") counter_op(pid, t, num(r, "arg0"), double(num(r, "arg1")), false);
+  else if (fn == "__ozk_counter_dec_delta") counter_op(pid, t, num(r, "arg0"), -double(num(r, "arg1")), false);
+  else if (fn == "__ozk_counter_set_value") counter_op(pid, t, num(r, "arg0"), double(num(r, "arg1")), true);
+  else if (fn == "__ozk_counter_inc_v3") counter_op(pid, t, handle_counter(num(r, "arg0"), num(r, "arg1")), 1, false);
+  else if (fn == "__ozk_counter_dec_v3") counter_op(pid, t, handle_counter(num(r, "arg0"), num(r, "arg1")), -1, false);
+  else if (fn == "__ozk_counter_inc_delta_v3")
+    counter_op(pid, t, handle_counter(num(r, "arg0"), num(r, "arg1")), double(num(r, "arg2")), false);
+  else if (fn == "__ozk_counter_dec_delta_v3")
+    counter_op(pid, t, handle_counter(num(r, "arg0"), num(r, "arg1")), -double(num(r, "arg2")), false);
+}
+
+void ActivityTracker::open_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::uint64_t key,
+                                 std::string name)
+{
+  Open o;
+  o.slice.pid = pid, o.slice.tid = tid, o.slice.begin = o.slice.end = t, o.slice.kind = kind;
+  o.slice.name = std::move(name);
+  o.slice.name_key = key;
+  o.key = key;
+  open_[{pid, tid}].push_back(std::move(o));
+}
+
+// Closes the innermost open slice of the kind (and key, for frames and events); an end
+// without a begin is dropped, as the annotation library itself ignores it.
+void ActivityTracker::close_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind,
+                                  std::optional<std::uint64_t> key)
+{
+  std::vector<Open> &stack = open_[{pid, tid}];
+  for (auto it = stack.rbegin(); it != stack.rend(); ++it) {
+    if (it->slice.kind != kind || (key && it->key != *key)) continue;
+    Slice s = std::move(it->slice);
+    s.end = std::max(s.begin, t);
+    stack.erase(std::next(it).base());
+    threads_[{pid, tid}].slices.push_back(std::move(s));
+    return;
+  }
+}
+
+void ActivityTracker::counter_op(std::uint32_t pid, std::uint64_t t, std::uint64_t counter, double value, bool set)
+{
+  counter_ops_[pid].push_back({t, counter, set ? CounterOp::Set : CounterOp::Add, value});
+}
+
+void ActivityTracker::resolve_names(std::uint32_t pid, ThreadTrack &t)
+{
+  const ProcessTrack &p = processes_[pid];
+  auto lookup = [](const std::map<std::uint32_t, std::string> &names, std::uint64_t key, const char *what) {
+    auto it = names.find(std::uint32_t(key));
+    return it != names.end() && !it->second.empty() ? it->second : std::string(what) + " " + std::to_string(std::uint32_t(key));
+  };
+  for (Slice &s : t.slices) {
+    if (!s.name.empty()) continue;
+    if (s.kind == SliceKind::Task) s.name = lookup(p.string_names, s.name_key, "task");
+    else if (s.kind == SliceKind::Event) s.name = lookup(p.event_names, s.name_key, "event");
+    else if (s.kind == SliceKind::Frame && (s.name_key & kDomainName)) s.name = lookup(p.domain_names, s.name_key, "domain");
+    else if (s.kind == SliceKind::Frame) s.name = lookup(p.frame_names, s.name_key, "frame");
+  }
+}
+
+void nest_slices(std::vector<Slice> &slices)
+{
+  std::stable_sort(slices.begin(), slices.end(), [](const Slice &a, const Slice &b) {
+    return a.begin != b.begin ? a.begin < b.begin : a.end > b.end;
+  });
+  std::vector<int> stack;
+  for (int i = 0; i < int(slices.size()); i++) {
+    Slice &s = slices[std::size_t(i)];
+    while (!stack.empty() && slices[std::size_t(stack.back())].end <= s.begin &&
+           !(slices[std::size_t(stack.back())].end == s.begin && slices[std::size_t(stack.back())].begin == s.begin))
+      stack.pop_back();
+    if (!stack.empty()) {
+      const Slice &parent = slices[std::size_t(stack.back())];
+      if (s.end > parent.end) {
+        s.end = parent.end;
+        s.clipped = true;
+      }
+      s.parent = stack.back();
+      s.depth = parent.depth + 1;
+    }
+    stack.push_back(i);
+  }
+}
+
+void ActivityTracker::finish()
+{
+  // Whatever is still open ends with the last time its thread was seen.
+  for (auto &[key, stack] : open_) {
+    ThreadTrack &t = threads_[key];
+    for (Open &o : stack) {
+      o.slice.end = std::max(o.slice.begin, t.last_time);
+      o.slice.unfinished = true;
+      t.slices.push_back(std::move(o.slice));
+    }
+  }
+  open_.clear();
+  for (auto &[key, t] : threads_) {
+    resolve_names(key.first, t);
+    nest_slices(t.slices);
+  }
+  for (auto &[pid, ops] : counter_ops_) {
+    ProcessTrack &p = processes_[pid];
+    std::stable_sort(ops.begin(), ops.end(), [](const CounterOp &a, const CounterOp &b) { return a.time < b.time; });
+    for (const CounterOp &op : ops) {
+      CounterTrack &c = p.counters[op.counter];
+      double now = c.points.empty() ? 0 : c.points.back().value;
+      c.points.push_back({op.time, op.op == CounterOp::Set ? op.value : now + op.value});
+    }
+    for (auto &[id, c] : p.counters) {
+      if (id & kHandleCounter) {
+        auto d = p.domain_names.find(std::uint32_t(id >> 32 & 0x7FFFFFFFu));
+        auto n = p.string_names.find(std::uint32_t(id));
+        c.name = (d != p.domain_names.end() ? d->second + "/" : std::string()) +
+                 (n != p.string_names.end() ? n->second : "counter " + std::to_string(std::uint32_t(id)));
+      } else if (auto it = p.counter_names.find(id); it != p.counter_names.end()) {
+        c.name = it->second.domain.empty() ? it->second.name : it->second.domain + "/" + it->second.name;
+      } else {
+        c.name = "counter " + std::to_string(id);
+      }
+    }
+  }
+  counter_ops_.clear();
+}
+
+} // namespace vorx::report

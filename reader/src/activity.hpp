@@ -1,0 +1,105 @@
+// What the threads did: calls, waits, I/O, allocations, tasks, frames and counters, taken from
+// the API records. Every timed thing becomes a slice on its thread; the slice tracker puts the
+// slices of a thread in time order and gives each its depth and parent in one place, so the
+// summary, the Chrome trace and the folded stacks all see the same nesting.
+#pragma once
+
+#include "record_decoder.hpp"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vorx::report {
+
+enum class SliceKind { Call, Wait, Io, Alloc, Free, Task, Frame, Event };
+std::string_view slice_kind_name(SliceKind k);
+
+struct Slice {
+  std::uint32_t pid = 0, tid = 0;
+  std::uint64_t begin = 0, end = 0;
+  SliceKind kind = SliceKind::Call;
+  std::string name;                    // function, or the annotation's name
+  std::optional<std::uint64_t> object; // synchronisation object
+  std::optional<std::uint64_t> bytes;  // I/O bytes or allocation size
+  bool unfinished = false;             // no end in the trace: closed at the thread's last time
+  bool clipped = false;                // ended after its parent: cut at the parent's end
+  int depth = 0;
+  int parent = -1;            // index into the thread's slices
+  std::uint64_t name_key = 0; // annotations: the id the name is found by at the end
+  std::uint64_t duration() const { return end - begin; }
+};
+
+struct CounterPoint {
+  std::uint64_t time = 0;
+  double value = 0;
+};
+
+struct CounterTrack {
+  std::string name;
+  std::vector<CounterPoint> points; // in time order after finish()
+};
+
+using ThreadKey = std::pair<std::uint32_t, std::uint32_t>; // pid, tid
+
+struct ThreadTrack {
+  std::string name;
+  std::uint64_t last_time = 0;
+  std::vector<Slice> slices; // after finish(): sorted by begin, properly nested
+};
+
+struct ProcessTrack {
+  std::string name;
+  std::map<std::uint32_t, std::string> frame_names, event_names, domain_names, string_names;
+  struct CounterName {
+    std::string name, domain;
+  };
+  std::map<std::uint64_t, CounterName> counter_names;
+  std::map<std::uint64_t, CounterTrack> counters;
+};
+
+class ActivityTracker {
+public:
+  // pid: the process whose file the record came from.
+  void on_record(std::uint32_t pid, const Record &r);
+  void name_process(std::uint32_t pid, std::string name) { processes_[pid].name = std::move(name); }
+  void name_thread(std::uint32_t pid, std::uint32_t tid, std::string name) { threads_[{pid, tid}].name = std::move(name); }
+  // End of input: closes open slices, sorts and nests, resolves names, evaluates counters.
+  void finish();
+
+  const std::map<ThreadKey, ThreadTrack> &threads() const { return threads_; }
+  const std::map<std::uint32_t, ProcessTrack> &processes() const { return processes_; }
+
+private:
+  struct Open {
+    Slice slice;
+    std::uint64_t key = 0;
+  };
+  struct CounterOp {
+    std::uint64_t time;
+    std::uint64_t counter;
+    enum { Add, Set } op;
+    double value;
+  };
+  void on_call(std::uint32_t pid, const Record &r);
+  void on_annotation(std::uint32_t pid, const Record &r);
+  void open_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::uint64_t key,
+                  std::string name);
+  void close_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::optional<std::uint64_t> key);
+  void counter_op(std::uint32_t pid, std::uint64_t t, std::uint64_t counter, double value, bool set);
+  void resolve_names(std::uint32_t pid, ThreadTrack &t);
+
+  std::map<ThreadKey, ThreadTrack> threads_;
+  std::map<std::uint32_t, ProcessTrack> processes_;
+  std::map<ThreadKey, std::vector<Open>> open_;
+  std::map<std::uint32_t, std::vector<CounterOp>> counter_ops_;
+};
+
+// Sorts one thread's slices by begin (longer first on ties) and gives each its depth and
+// parent; a slice that outlives its parent is cut at the parent's end and marked clipped.
+void nest_slices(std::vector<Slice> &slices);
+
+} // namespace vorx::report

@@ -1,0 +1,162 @@
+#include "trace_export.hpp"
+
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <string>
+
+namespace vorx::report {
+namespace {
+
+void json_string(std::string &out, std::string_view s)
+{
+  out += '"';
+  for (unsigned char c : s) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += char(c);
+    } else if (c < 0x20) {
+      char b[8];
+      std::snprintf(b, sizeof b, "\\u%04x", c);
+      out += b;
+    } else {
+      out += char(c);
+    }
+  }
+  out += '"';
+}
+
+std::string fixed3(double v)
+{
+  char b[40];
+  std::snprintf(b, sizeof b, "%.3f", v);
+  return b;
+}
+
+std::string json_number(double v)
+{
+  if (!std::isfinite(v)) return "0";
+  char b[40];
+  std::snprintf(b, sizeof b, "%.15g", v);
+  return b;
+}
+
+std::string process_label(std::uint32_t pid, const ActivityTracker &a)
+{
+  auto it = a.processes().find(pid);
+  return it != a.processes().end() && !it->second.name.empty() ? it->second.name + " (" + std::to_string(pid) + ")"
+                                                                 : "process " + std::to_string(pid);
+}
+
+std::string thread_label(std::uint32_t tid, const ThreadTrack &t)
+{
+  return t.name.empty() ? "thread " + std::to_string(tid) : t.name + " (" + std::to_string(tid) + ")";
+}
+
+class EventList {
+public:
+  explicit EventList(std::ostream &out) : out_(out) { out_ << "{\"traceEvents\":[\n"; }
+  ~EventList() { out_ << "\n],\"displayTimeUnit\":\"ms\"}\n"; }
+  void add(const std::string &event)
+  {
+    out_ << (first_ ? "" : ",\n") << event;
+    first_ = false;
+  }
+
+private:
+  std::ostream &out_;
+  bool first_ = true;
+};
+
+std::string metadata(const char *what, std::uint32_t pid, std::uint32_t tid, const std::string &name)
+{
+  std::string e = std::string("{\"name\":\"") + what + "\",\"ph\":\"M\",\"pid\":" + std::to_string(pid) +
+                  ",\"tid\":" + std::to_string(tid) + ",\"args\":{\"name\":";
+  json_string(e, name);
+  return e + "}}";
+}
+
+std::string complete(const Slice &s, const ExportClock &clock)
+{
+  std::string e = "{\"name\":";
+  json_string(e, s.name);
+  e += ",\"cat\":\"" + std::string(slice_kind_name(s.kind)) + "\",\"ph\":\"X\",\"pid\":" + std::to_string(s.pid) +
+       ",\"tid\":" + std::to_string(s.tid) + ",\"ts\":" + fixed3(clock.micros(s.begin)) +
+       ",\"dur\":" + fixed3(clock.micros_span(s.duration()));
+  std::string args;
+  auto arg = [&](const char *k, const std::string &v) { args += std::string(args.empty() ? "" : ",") + "\"" + k + "\":" + v; };
+  if (s.object) {
+    char hex[24];
+    std::snprintf(hex, sizeof hex, "\"0x%" PRIx64 "\"", *s.object);
+    arg("object", hex);
+  }
+  if (s.bytes) arg("bytes", std::to_string(*s.bytes));
+  if (s.unfinished) arg("unfinished", "true");
+  if (s.clipped) arg("clipped", "true");
+  if (!args.empty()) e += ",\"args\":{" + args + "}";
+  return e + "}";
+}
+
+std::string counter(std::uint32_t pid, const std::string &name, const CounterPoint &p, const ExportClock &clock)
+{
+  std::string e = "{\"name\":";
+  json_string(e, name);
+  return e + ",\"ph\":\"C\",\"pid\":" + std::to_string(pid) + ",\"tid\":0,\"ts\":" + fixed3(clock.micros(p.time)) +
+         ",\"args\":{\"value\":" + json_number(p.value) + "}}";
+}
+
+// A frame of a folded stack: the separators of the format cannot stand inside it.
+std::string folded_frame(std::string s)
+{
+  for (char &c : s)
+    if (c == ';' || c == '\n' || c == '\r') c = ':';
+  return s;
+}
+
+} // namespace
+
+void write_chrome_trace(std::ostream &out, const ActivityTracker &activity, const ExportClock &clock)
+{
+  EventList events(out);
+  std::map<std::uint32_t, bool> named;
+  for (const auto &[key, t] : activity.threads()) {
+    if (!named[key.first]) events.add(metadata("process_name", key.first, 0, process_label(key.first, activity)));
+    named[key.first] = true;
+    events.add(metadata("thread_name", key.first, key.second, thread_label(key.second, t)));
+  }
+  for (const auto &[pid, p] : activity.processes())
+    if (!named[pid]) events.add(metadata("process_name", pid, 0, process_label(pid, activity)));
+  for (const auto &[key, t] : activity.threads())
+    for (const Slice &s : t.slices) events.add(complete(s, clock));
+  for (const auto &[pid, p] : activity.processes())
+    for (const auto &[id, c] : p.counters)
+      for (const CounterPoint &point : c.points) events.add(counter(pid, c.name, point, clock));
+}
+
+void write_folded(std::ostream &out, const ActivityTracker &activity, const ExportClock &clock)
+{
+  std::map<std::string, double> weights;
+  for (const auto &[key, t] : activity.threads()) {
+    std::string root = folded_frame(process_label(key.first, activity)) + ";" + folded_frame(thread_label(key.second, t));
+    std::vector<std::uint64_t> self(t.slices.size());
+    std::vector<std::string> path(t.slices.size());
+    for (std::size_t i = 0; i < t.slices.size(); i++) {
+      const Slice &s = t.slices[i];
+      self[i] = s.duration();
+      path[i] = (s.parent >= 0 ? path[std::size_t(s.parent)] : root) + ";" + folded_frame(s.name);
+      if (s.parent >= 0) {
+        std::uint64_t &p = self[std::size_t(s.parent)];
+        p -= std::min(p, s.duration());
+      }
+    }
+    for (std::size_t i = 0; i < t.slices.size(); i++) weights[path[i]] += clock.micros_span(self[i]);
+  }
+  for (const auto &[stack, us] : weights) {
+    if (us <= 0) continue;
+    long long w = std::llround(us);
+    out << stack << ' ' << (w > 0 ? w : 1) << '\n';
+  }
+}
+
+} // namespace vorx::report
