@@ -33,7 +33,8 @@ struct queue {
   int head, count, closed;
 };
 
-static struct queue g_queue = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, PTHREAD_COND_INITIALIZER};
+static struct queue g_queue = {
+    .lock = PTHREAD_MUTEX_INITIALIZER, .not_empty = PTHREAD_COND_INITIALIZER, .not_full = PTHREAD_COND_INITIALIZER};
 
 static void queue_push(struct queue *q, int value) {
   pthread_mutex_lock(&q->lock);
