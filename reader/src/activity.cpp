@@ -8,7 +8,8 @@
 namespace vorx::report {
 namespace {
 
-// Which wrapped functions block, from the probe catalogue: their calls are waits.
+// Which wrapped functions block and are restarted after an interruption, from the probe
+// catalogue: their calls are waits.
 struct ProbeKind {
   std::uint32_t id;
   std::string_view kind;
@@ -26,7 +27,7 @@ constexpr ProbeKind kProbeKinds[] = {{~0u, ""}};
 bool probe_blocks(std::uint32_t id)
 {
   for (const ProbeKind &p : kProbeKinds)
-    if (p.id == id) return p.kind == "wait" || p.kind == "wait_retry";
+    if (p.id == id) return p.kind == "wait_retry";
   return false;
 }
 
@@ -49,6 +50,34 @@ std::optional<std::uint32_t> word(const Record &r, int index)
   const Field *f = r.find("args");
   if (!f || index < 0 || f->bytes.size() < std::size_t(index + 1) * 4) return std::nullopt;
   return ld32(f->bytes.data() + std::size_t(index) * 4);
+}
+
+// A text argument of a wrapped function's record: u16 length and the bytes (a NUL kept out).
+std::optional<std::string> take_text(Bytes b, std::size_t &pos)
+{
+  if (b.size() - pos < 2) return std::nullopt;
+  std::size_t n = ld16(b.data() + pos);
+  if (b.size() - pos - 2 < n) return std::nullopt;
+  std::string s(reinterpret_cast<const char *>(b.data() + pos + 2), n);
+  pos += 2 + n;
+  while (!s.empty() && s.back() == '\0') s.pop_back();
+  return s;
+}
+
+// Names of user synchronisation objects: object word, then the kind and the name (create,
+// set_name) or the new name (rename).
+std::optional<std::pair<std::uint64_t, std::string>> sync_name(const Record &r)
+{
+  const Field *f = r.find("args");
+  if (!f || f->bytes.size() < 4) return std::nullopt;
+  std::size_t pos = 4;
+  auto first = take_text(f->bytes, pos);
+  if (!first) return std::nullopt;
+  if (r.function == "__ozk_sync_rename") return std::pair{std::uint64_t(ld32(f->bytes.data())), *first};
+  auto second = take_text(f->bytes, pos);
+  if (!second) return std::nullopt;
+  std::string name = first->empty() ? *second : *second + " (" + *first + ")";
+  return std::pair{std::uint64_t(ld32(f->bytes.data())), name};
 }
 
 SliceKind kind_of(ApiRole role)
@@ -107,7 +136,12 @@ void ActivityTracker::on_record(std::uint32_t pid, const Record &r)
 
 void ActivityTracker::on_call(std::uint32_t pid, const Record &r)
 {
+  if (r.function == "__ozk_sync_create" || r.function == "__ozk_sync_set_name" || r.function == "__ozk_sync_rename")
+    if (auto named = sync_name(r)) processes_[pid].sync_names[named->first] = named->second;
   const ApiRoleRow *row = find_api_role(r.function);
+  // The annotation and collector calls outside the table name things; they took no time of
+  // the program's worth showing.
+  if (!row && (r.function.starts_with("__ozk_") || r.function.starts_with("__internal_"))) return;
   std::uint32_t id = std::uint32_t(num(r, "function_id"));
   ApiRole role = row ? row->role : probe_blocks(id) ? ApiRole::Wait : ApiRole::Call;
   Slice s;
@@ -136,7 +170,7 @@ void ActivityTracker::on_annotation(std::uint32_t pid, const Record &r)
   else if (fn == "__ozk_string_handle_create") name_into(p.string_names);
   else if (fn == "__ozk_event_create") name_into(p.event_names);
   else if (fn == "__ozk_counter_create") p.counter_names[num(r, "arg2")] = {text(r, "arg0"), text(r, "arg1")};
-  else if (fn == "__ozk_counter_create_typed") p.counter_names[num(r, "arg3")] = {text(r, "arg0"), text(r, "arg1")};
+  else if (fn == "__ozk_counter_create_typed") p.counter_names[num(r, "arg2")] = {text(r, "arg0"), text(r, "arg1")};
   else if (fn == "__ozk_task_begin" || fn == "__ozk_task_begin_overlapped") open_slice(pid, tid, t, SliceKind::Task, num(r, fn == "__ozk_task_begin" ? "arg2" : "arg3"), {});
   else if (fn == "__ozk_task_begin_fn") open_slice(pid, tid, t, SliceKind::Task, 0, hex(num(r, "arg2")));
   else if (fn == "__ozk_task_end" || fn == "__ozk_task_end_overlapped") close_slice(pid, tid, t, SliceKind::Task, std::nullopt);

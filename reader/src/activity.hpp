@@ -54,6 +54,7 @@ struct ThreadTrack {
 struct ProcessTrack {
   std::string name;
   std::map<std::uint32_t, std::string> frame_names, event_names, domain_names, string_names;
+  std::map<std::uint64_t, std::string> sync_names; // user synchronisation objects by address
   struct CounterName {
     std::string name, domain;
   };

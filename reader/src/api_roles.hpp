@@ -1,9 +1,9 @@
 // What the arguments of a wrapped function's API record mean to the summary.
 //
 // The collector's callbacks write the arguments of a wrapped call as 32-bit words behind the
-// version byte, in the order of the function's record shape: the object or descriptor first,
-// then the byte count or size, then the result. The reader does not learn the meaning of a
-// word from the record, so this table says, by function name, which word is what:
+// version byte, in the order of the function's record shape (generated/gen_callbacks.py): the
+// object or descriptor first, then the byte count or size, then the result. The record does not
+// say what a word means, so this table says, by function name, which word is what:
 //
 //   Sync     blocking synchronisation: word 0 is the object waited for (the mutex, condition,
 //            rwlock, spin lock, semaphore, barrier, joined thread, user sync object). The
@@ -12,10 +12,13 @@
 //            (the call's result: a negative result moved nothing).
 //   Alloc    `bytes` names the word with the requested size (calloc's is count * size already,
 //            realloc's new size is word 1).
-//   Free     a block is released: word 0.
+//   Free     a block is released: word 0 (the heap annotations: word 1).
 //
-// Functions that are not in the table are still counted: those the catalogue marks as blocking
-// (kind wait or wait_retry) are waits without an object, the others plain calls.
+//   Wait     blocking without an object of the program's (sleeps, signal and child waits).
+//
+// Functions that are not in the table are still counted: those the catalogue restarts after an
+// interruption (kind wait_retry) are waits without an object, the others plain calls. Kind
+// wait alone is not enough: it also covers the init, destroy and unlock calls of the objects.
 #pragma once
 
 #include <array>
@@ -52,6 +55,31 @@ inline constexpr ApiRoleRow kApiRoles[] = {
     {"flock", ApiRole::Sync, -1},
     {"lockf", ApiRole::Sync, -1},
     {"futex", ApiRole::Sync, -1},
+    {"msgrcv", ApiRole::Sync, -1}, // the queue or set id
+    {"msgsnd", ApiRole::Sync, -1},
+    {"semop", ApiRole::Sync, -1},
+    {"semtimedop", ApiRole::Sync, -1},
+    {"mq_receive", ApiRole::Sync, -1},
+    {"mq_timedreceive", ApiRole::Sync, -1},
+    {"mq_send", ApiRole::Sync, -1},
+    {"mq_timedsend", ApiRole::Sync, -1},
+    // Waiting without an object of the program's.
+    {"sleep", ApiRole::Wait, -1},
+    {"usleep", ApiRole::Wait, -1},
+    {"nanosleep", ApiRole::Wait, -1},
+    {"clock_nanosleep", ApiRole::Wait, -1},
+    {"pause", ApiRole::Wait, -1},
+    {"sigsuspend", ApiRole::Wait, -1},
+    {"sigwait", ApiRole::Wait, -1},
+    {"sigwaitinfo", ApiRole::Wait, -1},
+    {"sigtimedwait", ApiRole::Wait, -1},
+    {"wait", ApiRole::Wait, -1},
+    {"waitpid", ApiRole::Wait, -1},
+    {"waitid", ApiRole::Wait, -1},
+    {"wait3", ApiRole::Wait, -1},
+    {"wait4", ApiRole::Wait, -1},
+    {"io_getevents", ApiRole::Wait, -1},
+    {"aio_suspend", ApiRole::Wait, -1},
     // I/O: descriptor, then the bytes the call moved.
     {"read", ApiRole::Io, 1},
     {"write", ApiRole::Io, 1},
@@ -63,8 +91,8 @@ inline constexpr ApiRoleRow kApiRoles[] = {
     {"send", ApiRole::Io, 1},
     {"sendto", ApiRole::Io, 1},
     {"sendmsg", ApiRole::Io, 1},
-    {"fread", ApiRole::Io, -1}, // the result counts items, not bytes
-    {"fwrite", ApiRole::Io, -1},
+    {"fread", ApiRole::Io, 1}, // items read times the item size
+    {"fwrite", ApiRole::Io, 1},
     {"open", ApiRole::Io, -1},
     {"fopen", ApiRole::Io, -1},
     {"close", ApiRole::Io, -1},
@@ -88,9 +116,15 @@ inline constexpr ApiRoleRow kApiRoles[] = {
     {"mallocx", ApiRole::Alloc, 0},
     {"hbw_malloc", ApiRole::Alloc, 0},
     {"hbw_calloc", ApiRole::Alloc, 0},
-    {"realloc", ApiRole::Alloc, 1},
+    {"memkind_malloc", ApiRole::Alloc, 0},
+    {"memkind_calloc", ApiRole::Alloc, 0},
+    {"realloc", ApiRole::Alloc, 1}, // old block, new size, new block
     {"rallocx", ApiRole::Alloc, 1},
+    {"xallocx", ApiRole::Alloc, 1},
     {"hbw_realloc", ApiRole::Alloc, 1},
+    {"__ozk_heap_allocate_end", ApiRole::Alloc, 2}, // heap, block, size
+    {"__ozk_heap_reallocate_end", ApiRole::Alloc, 3},
+    {"__ozk_heap_free_end", ApiRole::Free, -1},
     {"free", ApiRole::Free, -1},
     {"cfree", ApiRole::Free, -1},
     {"dallocx", ApiRole::Free, -1},

@@ -25,7 +25,7 @@ enum class StatSeverity { Info, DataLoss, Error };
   X(unknown_record_types, Import, Info, "records of a type this reader does not know")                \
   X(corrupt_compressed_blocks, Import, Error, "compressed blocks that do not inflate")                \
   X(block_ends_inside_record, Import, Error, "inflated blocks that end inside a record")              \
-  X(unknown_api_functions, Import, Info, "API records whose arguments are shown undecoded")
+  X(unknown_api_functions, Import, Info, "API records of a function id this reader does not know")
 
 enum class Stat : unsigned {
 #define VORX_STAT_ENUM(name, source, severity, text) name,
@@ -55,6 +55,13 @@ public:
   {
     for (unsigned i = 0; i < values_.size(); i++)
       if (values_[i] && kStatInfo[i].source == src) return true;
+    return false;
+  }
+  // Problems beyond information: lost or broken data.
+  bool any_loss(StatSource src) const
+  {
+    for (unsigned i = 0; i < values_.size(); i++)
+      if (values_[i] && kStatInfo[i].source == src && kStatInfo[i].severity != StatSeverity::Info) return true;
     return false;
   }
   void merge(const Stats &o)

@@ -95,14 +95,18 @@ Table waits_by_function(const ActivityTracker &a, const Seconds &sec)
 
 Table waits_by_object(const ActivityTracker &a, const Seconds &sec)
 {
-  Table t{"waits_by_object", "Waiting by synchronisation object", {"pid", "thread", "object", "function", "count", "total_s", "max_s"}, {}};
+  Table t{"waits_by_object", "Waiting by synchronisation object", {"pid", "thread", "object", "object_name", "function", "count", "total_s", "max_s"}, {}};
   using Key = std::pair<std::uint64_t, std::string>;
   auto g = group<Key>(a, [](const Slice &s) { return s.kind == SliceKind::Wait && s.object; },
                       [](const Slice &s) { return Key{*s.object, s.name}; });
   for (auto [k, agg] : by_cost<Key>(g, [](const Agg &x) { return x.total; })) {
     auto row = thread_cells(a, std::get<0>(*k), std::get<1>(*k));
     const Key &key = std::get<2>(*k);
-    row.insert(row.end(), {hex(key.first), key.second, std::to_string(agg->count), sec(agg->total), sec(agg->max)});
+    const auto &names = a.processes().count(std::get<0>(*k)) ? a.processes().at(std::get<0>(*k)).sync_names
+                                                             : std::map<std::uint64_t, std::string>{};
+    auto name = names.find(key.first);
+    row.insert(row.end(), {hex(key.first), name != names.end() ? name->second : "", key.second, std::to_string(agg->count),
+                           sec(agg->total), sec(agg->max)});
     t.rows.push_back(std::move(row));
   }
   return t;
@@ -197,18 +201,21 @@ void print_table(std::FILE *out, const Table &t, std::size_t max_rows)
   for (std::size_t c = 0; c < t.columns.size(); c++) width[c] = t.columns[c].size();
   for (std::size_t r = 0; r < shown; r++)
     for (std::size_t c = 0; c < t.columns.size(); c++) width[c] = std::max(width[c], t.rows[r][c].size());
-  auto line = [&](const std::vector<std::string> &cells, bool head) {
+  // A column of numbers only is aligned to the right, its heading too.
+  std::vector<bool> right(t.columns.size(), true);
+  for (std::size_t r = 0; r < shown; r++)
+    for (std::size_t c = 0; c < t.columns.size(); c++) right[c] = right[c] && numeric(t.rows[r][c]);
+  auto line = [&](const std::vector<std::string> &cells) {
     std::string s = " ";
     for (std::size_t c = 0; c < cells.size(); c++) {
-      bool right = !head ? numeric(cells[c]) : (!t.rows.empty() && numeric(t.rows[0][c]));
       std::string pad(width[c] - cells[c].size(), ' ');
       s += ' ';
-      s += right ? pad + cells[c] : cells[c] + (c + 1 < cells.size() ? pad : "");
+      s += right[c] ? pad + cells[c] : cells[c] + (c + 1 < cells.size() ? pad : "");
     }
     std::fprintf(out, "%s\n", s.c_str());
   };
-  line(t.columns, true);
-  for (std::size_t r = 0; r < shown; r++) line(t.rows[r], false);
+  line(t.columns);
+  for (std::size_t r = 0; r < shown; r++) line(t.rows[r]);
   if (shown < t.rows.size()) std::fprintf(out, "  ... %zu more rows (--csv gives them all)\n", t.rows.size() - shown);
 }
 

@@ -226,12 +226,6 @@ void TraceParser::print_summary(const Stats &stats, std::size_t max_rows) const
       print_threads(key.first);
       listed[key.first] = true;
     }
-  std::fprintf(o, "records by type:\n");
-  for (const auto &[name, n] : counts_) std::fprintf(o, "  %-20.*s %" PRIu64 "\n", int(name.size()), name.data(), n);
-  if (!api_counts_.empty()) {
-    std::fprintf(o, "API records by function:\n");
-    for (const auto &[name, n] : api_counts_) std::fprintf(o, "  %-36.*s %" PRIu64 "\n", int(name.size()), name.data(), n);
-  }
   if (first_) {
     std::uint64_t span = *last_ - *first_;
     std::fprintf(o, "time span: %" PRIu64 " .. %" PRIu64 " (%" PRIu64 " counts", *first_, *last_, span);
@@ -257,6 +251,13 @@ void TraceParser::print_summary(const Stats &stats, std::size_t max_rows) const
     print_table(o, t, max_rows);
   }
   std::fprintf(o, "\n");
+  std::fprintf(o, "records by type:\n");
+  for (const auto &[name, n] : counts_) std::fprintf(o, "  %-20.*s %" PRIu64 "\n", int(name.size()), name.data(), n);
+  if (!api_counts_.empty()) {
+    std::fprintf(o, "API records by function:\n");
+    for (const auto &[name, n] : api_counts_) std::fprintf(o, "  %-36.*s %" PRIu64 "\n", int(name.size()), name.data(), n);
+  }
+
   for (StatSource src : {StatSource::Recording, StatSource::Import}) {
     std::fprintf(o, "%s:%s\n", src == StatSource::Recording ? "lost while recording" : "import problems",
                  stats.any(src) ? "" : " none");

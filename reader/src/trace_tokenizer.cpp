@@ -154,7 +154,7 @@ void TraceTokenizer::handle(Bytes rec, const Location &where)
     return;
   }
   if (!record_.schema) stats_.add(Stat::unknown_record_types);
-  else if (record_.schema->api && !record_.api) stats_.add(Stat::unknown_api_functions);
+  else if (record_.schema->api && record_.function.empty()) stats_.add(Stat::unknown_api_functions);
   records_++;
   sink_.on_record(record_, where);
 }

@@ -61,6 +61,50 @@ public:
       return n;
     });
   }
+  // A wrapped function's call record: the version byte and 32-bit words, as the callbacks write.
+  TraceBuilder &call(std::uint32_t tid, std::uint32_t function_id, std::uint64_t begin, std::uint64_t end,
+                     std::initializer_list<std::uint32_t> words)
+  {
+    std::uint32_t tail = words.size() ? 1 + 4 * std::uint32_t(words.size()) : 0;
+    return put(64 + tail, [&](std::uint8_t *d) {
+      std::uint32_t pos = tf_apiwrap_v1_put_head(d, 0x03000017u, tid, 0, end, begin, 0, function_id, tail);
+      if (tail) d[pos++] = 1;
+      for (std::uint32_t w : words) tf_st32(d + pos, w), pos += 4;
+      return pos;
+    });
+  }
+  // A call record with raw argument bytes (texts and words mixed), version 1.
+  TraceBuilder &call_bytes(std::uint32_t tid, std::uint32_t function_id, std::uint64_t t, const std::vector<std::uint8_t> &args)
+  {
+    std::uint32_t tail = 1 + std::uint32_t(args.size());
+    return put(64 + tail, [&](std::uint8_t *d) {
+      std::uint32_t pos = tf_apiwrap_v1_put_head(d, 0x03000017u, tid, 0, t, t, 0, function_id, tail);
+      d[pos++] = 1;
+      std::memcpy(d + pos, args.data(), args.size());
+      return pos + std::uint32_t(args.size());
+    });
+  }
+  // An annotation record of the family: init fills the object (tf_record_apiwrap_v1/v2_init_*).
+  template <typename R, typename Init>
+  TraceBuilder &annotation(std::uint32_t tid, std::uint64_t t, Init init)
+  {
+    R r;
+    init(&r);
+    r.tid = tid;
+    r.aux_id = 0;
+    if constexpr (requires { r.time; }) r.time = t;
+    else r.begin_time = r.end_time = t;
+    std::uint32_t n = tf_record_size(&r);
+    return put(n, [&](std::uint8_t *d) {
+      tf_record_encode(&r, d, n);
+      return n;
+    });
+  }
+  template <typename Init>
+  TraceBuilder &mark(std::uint32_t tid, std::uint64_t t, Init init) { return annotation<tf_record_apiwrap_v2_t>(tid, t, init); }
+  template <typename Init>
+  TraceBuilder &note(std::uint32_t tid, std::uint64_t t, Init init) { return annotation<tf_record_apiwrap_v1_t>(tid, t, init); }
+
   // Everything after the magic record becomes one compressed block.
   TraceBuilder &compress()
   {
