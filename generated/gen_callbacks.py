@@ -101,10 +101,16 @@ ANNOTATIONS = {
     "__ozk_sync_set_name": (1, 1, ["{addr}", "str:{objtype}", "str:{objname}", "{attr}"], BOTH),
     "__ozk_sync_rename": (1, 1, ["{addr}", "str:{name}"], BOTH),
     "__ozk_sync_destroy": (1, 1, ["{addr}"], BOTH),
+    "__ozk_sync_acquired": (1, 1, ["{addr}"], (RESUMED,)),
+    "__ozk_sync_cancel": (1, 1, ["{addr}"], (RESUMED,)),
+    "__ozk_sync_releasing": (1, 1, ["{addr}"], (RESUMED,)),
+    "__ozk_heap_allocate_begin": (1, 0, [], (RESUMED,)),
+    "__ozk_heap_free_begin": (1, 0, [], (RESUMED,)),
+    "__ozk_heap_reallocate_begin": (1, 0, [], (RESUMED,)),
     "__ozk_frame_create": (1, 1, ["str:{name}", "id:{ret}"], BOTH),
     "__ozk_frame_begin": (2, 2, ["id:{frame}"], (RESUMED,)),
     "__ozk_frame_end": (2, 2, ["id:{frame}"], (RESUMED,)),
-    "__ozk_frame_submit_v3": (2, 3, ["id:{domain}", "ids:{id}", "u64:{begin}", "u64:{end}", "0"], (RESUMED,)),
+    "__ozk_frame_submit_v3": (2, 3, ["id:{domain}", "ids3:{id}", "u64:{begin}", "u64:{end}", "0"], (RESUMED,)),
     "__ozk_counter_create": (1, 1, ["str:{name}", "str:{domain}", "id:{ret}"], BOTH),
     "__ozk_counter_create_typed": (1, 1, ["str:{name}", "str:{domain}", "id:{ret}", "{type}"], BOTH),
     "__ozk_counter_destroy": (1, 1, ["id:{counter}"], BOTH),
@@ -136,6 +142,7 @@ ANNOTATIONS = {
     "__internal_set_ring_buffer": (1, 2, ["u64:{buffer}"], (RESUMED,)),
     "__internal_on_collection_started": (1, 0, [], (RESUMED,)),
     "__internal_on_collection_stopped": (1, 0, [], (RESUMED,)),
+    "__internal_set_runs_count": (1, 1, ["{count}"], (RESUMED,)),
 }
 
 RECORDED_KINDS = {"wait", "wait_retry", "event", "heap", "counted", "replaced", "event_only"}
@@ -228,13 +235,14 @@ class Tail:
         elif item.startswith("id:"):
             self.stmts.append(f"n += vorx_cbk_u32(t + n, vorx_cbk_object_id({self.expand(item[3:])}));")
             self.fixed += 4
-        elif item.startswith("ids:"):
-            # an identifier of two words, passed as the address of the caller's words
-            value = self.expand(item[4:])
-            self.stmts.append("n += vorx_cbk_u32(t + n, 2u);")
-            self.stmts.append(f"n += vorx_cbk_u64(t + n, vorx_cbk_id_word({value}, 0));")
-            self.stmts.append(f"n += vorx_cbk_u64(t + n, vorx_cbk_id_word({value}, 1));")
-            self.fixed += 20
+        elif item.startswith("ids"):
+            # an identifier of two (ids:) or three (ids3:) words, passed as the address of the caller's words
+            words = 3 if item.startswith("ids3:") else 2
+            value = self.expand(item.split(":", 1)[1])
+            self.stmts.append(f"n += vorx_cbk_u32(t + n, {words}u);")
+            for w in range(words):
+                self.stmts.append(f"n += vorx_cbk_u64(t + n, vorx_cbk_id_word({value}, {w}));")
+            self.fixed += 4 + 8 * words
         elif item.startswith("pages:"):
             self.stmts.append(f"n += vorx_cbk_u32(t + n, vorx_cbk_pages((uint64_t)({self.expand(item[6:])})));")
             self.fixed += 4

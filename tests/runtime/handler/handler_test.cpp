@@ -1,0 +1,342 @@
+// The event callbacks write the records that the reader decodes back: thread, times, function id and
+// the values of the call; the directory keeps only the callbacks of the chosen collections; the user
+// waits left open are closed as cancelled; the heap table decides which releases are reported.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "event_filtering.h"
+#include "event_records.h"
+#include "runtime_entries.h"
+#include "trace_tokenizer.hpp"
+#include "vorx_config.h"
+#include "vorx_htable.h"
+#include "vorx_timesource.h"
+#include "vorx_tmu.h"
+
+// The generated callbacks under test (C linkage, declared by the generator's output only).
+extern "C" {
+void vorx_tp_pthread_mutex_lock_post_cbk(void*, vorx_probe_data_t*);
+void vorx_tp_malloc_post_cbk(void*, vorx_probe_data_t*);
+void vorx_tp_read_post_cbk(void*, vorx_probe_data_t*);
+void vorx_tp_open_post_cbk(void*, vorx_probe_data_t*);
+void vorx_tp_getchar_post_cbk(void*, vorx_probe_data_t*);
+void vorx_tp___ozk_task_begin_pre_cbk(void*, vorx_probe_data_t*);
+void vorx_tp___ozk_domain_create_post_cbk(void*, vorx_probe_data_t*);
+void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data);
+}
+
+namespace {
+
+using vorx::report::Record;
+
+struct ApiRecord {
+  std::string name;
+  uint32_t tid = 0, function_id = 0;
+  uint64_t begin = 0, end = 0, time = 0;
+  std::vector<uint8_t> args;  // raw argument bytes behind the version byte
+  int version = -1;
+  std::vector<std::pair<std::string, uint64_t>> typed;
+};
+
+struct Collector : vorx::report::TraceSink {
+  std::vector<ApiRecord> api;
+  std::vector<std::string> problems;
+  void on_record(const Record& r, const vorx::report::Location&) override {
+    if (r.name() != "apiwrap_v1" && r.name() != "apiwrap_v2") return;
+    ApiRecord a;
+    a.name = std::string(r.name());
+    for (const auto& f : r.fields) {
+      if (f.name == "tid") a.tid = uint32_t(f.num);
+      else if (f.name == "function_id") a.function_id = uint32_t(f.num);
+      else if (f.name == "begin_time") a.begin = f.num;
+      else if (f.name == "end_time") a.end = f.num;
+      else if (f.name == "time") a.time = f.num;
+      else if (f.name == "version") a.version = int(f.num);
+      else if (f.name == "args") a.args.assign(f.bytes.begin(), f.bytes.end());
+      else if (f.name.starts_with("arg")) a.typed.emplace_back(std::string(f.name), f.num);
+    }
+    api.push_back(std::move(a));
+  }
+  void on_problem(vorx::report::Stat, const std::string& m) override { problems.push_back(m); }
+};
+
+uint32_t word_at(const std::vector<uint8_t>& b, size_t i) {
+  uint32_t v;
+  std::memcpy(&v, b.data() + i * 4, 4);
+  return v;
+}
+
+// A thread's workspace with its two units writing into a scratch directory.
+class HandlerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/vorx_handler_XXXXXX";
+    dir_ = mkdtemp(tmpl);
+    ASSERT_EQ(vorx_timesource_init(vorx_timesource_system), 1);
+    creator_ = vorx_tmu_creator_alloc(0);
+    memset(&wsp_, 0, sizeof wsp_);
+    wsp_.thread = 4242;
+    wsp_.master_tmu = creator_->alloc(creator_, vorx_tmu_per_thread, (dir_ + "/master.trace").c_str());
+    wsp_.aux_tmu = creator_->alloc(creator_, vorx_tmu_per_thread, (dir_ + "/aux.trace").c_str());
+    wsp_.filtering_data = vorx_alloc_filtering_data();
+    conf_ = vorx_alloc_configuration();
+    vorx_conf_publish(conf_);
+    memset(&data_, 0, sizeof data_);
+    data_.locals.state = 1;
+    data_.locals.enter_time = 1000;
+    data_.locals.leave_time = 251000;
+    data_.locals.to_aux_tmu = 1;
+  }
+  void TearDown() override {
+    vorx_unlink_callback_tables();
+    vorx_free_filtering_data(wsp_.filtering_data);
+    if (wsp_.master_tmu) creator_->free_unit(creator_, wsp_.master_tmu);
+    if (wsp_.aux_tmu) creator_->free_unit(creator_, wsp_.aux_tmu);
+    vorx_conf_publish(nullptr);
+    vorx_free_configuration(conf_);
+    std::system(("rm -rf " + dir_).c_str());
+  }
+  // Closes the units and decodes what they wrote.
+  Collector read(const char* which) {
+    for (vorx_tmu_t** u : {&wsp_.master_tmu, &wsp_.aux_tmu}) {
+      if (*u) creator_->free_unit(creator_, *u);
+      *u = nullptr;
+    }
+    std::string path = dir_ + "/" + which + ".trace";
+    std::ifstream in(path, std::ios::binary);
+    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), {});
+    Collector c;
+    vorx::report::Stats stats;
+    vorx::report::TraceTokenizer tok(path, c, stats);
+    tok.feed(vorx::report::Bytes(bytes.data(), bytes.size()));
+    tok.finish();
+    EXPECT_TRUE(c.problems.empty()) << c.problems.front();
+    return c;
+  }
+  vorx_filtering_data* filtering() { return static_cast<vorx_filtering_data*>(wsp_.filtering_data); }
+
+  std::string dir_;
+  vorx_tmu_creator_t* creator_ = nullptr;
+  vorx_workspace wsp_;
+  vorx_configuration* conf_ = nullptr;
+  vorx_probe_data_t data_;
+};
+
+TEST_F(HandlerTest, LockRecordCarriesThreadTimesObjectAndResult) {
+  int mutex_stand_in = 0;
+  data_.locals.last_probe_id = vorx_pi_pthread_mutex_lock;
+  data_.params.u_pthread_mutex_lock.__mutex = &mutex_stand_in;
+  data_.params.u_pthread_mutex_lock.__result = 0;
+  vorx_tp_pthread_mutex_lock_post_cbk(&wsp_, &data_);
+
+  Collector aux = read("aux");
+  ASSERT_EQ(aux.api.size(), 1u);
+  const ApiRecord& r = aux.api[0];
+  EXPECT_EQ(r.name, "apiwrap_v1");
+  EXPECT_EQ(r.tid, 4242u);
+  EXPECT_EQ(r.function_id, uint32_t(vorx_pi_pthread_mutex_lock));
+  EXPECT_EQ(r.begin, 1000u);
+  EXPECT_EQ(r.end, 251000u);
+  EXPECT_EQ(r.version, 1);
+  ASSERT_EQ(r.args.size(), 8u);
+  EXPECT_EQ(word_at(r.args, 0), uint32_t(uintptr_t(&mutex_stand_in)));
+  EXPECT_EQ(word_at(r.args, 1), 0u);
+  EXPECT_TRUE(read("master").api.empty());
+}
+
+TEST_F(HandlerTest, RecordsGoToTheUnitTheCallNames) {
+  data_.locals.to_aux_tmu = 0;
+  data_.locals.last_probe_id = vorx_pi_malloc;
+  data_.params.u_malloc.__size = 4096;
+  data_.params.u_malloc.__result = reinterpret_cast<void*>(0x1000);
+  vorx_tp_malloc_post_cbk(&wsp_, &data_);
+  Collector master = read("master");
+  ASSERT_EQ(master.api.size(), 1u);
+  ASSERT_EQ(master.api[0].args.size(), 8u);
+  EXPECT_EQ(word_at(master.api[0].args, 0), 4096u);
+  EXPECT_EQ(word_at(master.api[0].args, 1), 0x1000u);
+  EXPECT_TRUE(read("aux").api.empty());
+}
+
+TEST_F(HandlerTest, ReadRecordsDescriptorAndByteCountAndPathsTheirText) {
+  data_.params.u_read.__fd = 7;
+  data_.params.u_read.__result = 512;
+  vorx_tp_read_post_cbk(&wsp_, &data_);
+  std::string long_path(9000, 'p');
+  data_.params.u_open.__file = const_cast<char*>(long_path.c_str());
+  data_.params.u_open.__result = 3;
+  vorx_tp_open_post_cbk(&wsp_, &data_);
+  data_.params.u_open.__file = nullptr;
+  vorx_tp_open_post_cbk(&wsp_, &data_);
+  data_.params.u_getchar.__result = 'x';
+  vorx_tp_getchar_post_cbk(&wsp_, &data_);
+
+  Collector aux = read("aux");
+  ASSERT_EQ(aux.api.size(), 4u);
+  EXPECT_EQ(word_at(aux.api[0].args, 0), 7u);
+  EXPECT_EQ(word_at(aux.api[0].args, 1), 512u);
+  // u16 length, 8191 characters and the NUL, then the descriptor
+  const auto& open_args = aux.api[1].args;
+  ASSERT_EQ(open_args.size(), 2u + 8192u + 4u);
+  EXPECT_EQ(open_args[0] | open_args[1] << 8, 8192);
+  EXPECT_EQ(open_args[2 + 8191], 0);
+  EXPECT_EQ(aux.api[2].args.size(), 2u + 1u + 4u);  // a null path is one NUL
+  EXPECT_EQ(aux.api[3].version, -1);                // no values: no version byte
+  EXPECT_TRUE(aux.api[3].args.empty());
+}
+
+TEST_F(HandlerTest, AnnotationPointsAndCreationsAreTypedByTheReader) {
+  struct {
+    uint32_t tag, id;
+  } domain{0, 17}, name{0, 23};
+  uint64_t task_id[2] = {0x1111, 0x2222};
+  data_.locals.last_probe_id = vorx_pi___ozk_task_begin;
+  data_.params.u___ozk_task_begin.__domain = &domain;
+  data_.params.u___ozk_task_begin.__taskid = task_id;
+  data_.params.u___ozk_task_begin.__name = &name;
+  vorx_tp___ozk_task_begin_pre_cbk(&wsp_, &data_);
+  data_.params.u___ozk_domain_create.__name = "render";
+  data_.params.u___ozk_domain_create.__result = &domain;
+  vorx_tp___ozk_domain_create_post_cbk(&wsp_, &data_);
+
+  Collector aux = read("aux");
+  ASSERT_EQ(aux.api.size(), 2u);
+  EXPECT_EQ(aux.api[0].name, "apiwrap_v2");
+  EXPECT_EQ(aux.api[0].time, 1000u);
+  EXPECT_EQ(aux.api[0].function_id, uint32_t(vorx_pi___ozk_task_begin) | 0x80000000u);
+  EXPECT_EQ(aux.api[0].version, 3);
+  ASSERT_FALSE(aux.api[0].typed.empty());
+  EXPECT_EQ(aux.api[0].typed[0].second, 17u);
+  EXPECT_EQ(aux.api[1].name, "apiwrap_v1");
+  EXPECT_EQ(aux.api[1].version, 1);
+}
+
+TEST_F(HandlerTest, DirectoryKeepsOnlyTheCallbacksOfTheChosenCollections) {
+  vorx_u32_t io_only[VORX_CONF_COLLECTION_WORDS] = {};
+  unsigned io = vorx_wstring_to_collection(L"io");
+  ASSERT_LT(io, unsigned(VORX_COLLECTION_EOF));
+  io_only[io / 32] |= 1u << (io % 32);
+  ASSERT_EQ(vorx_register_callbacks(&g_vorx_tp_cbks, io_only), 1u);
+
+  data_.params.u_pthread_mutex_lock.__mutex = &data_;
+  vorx_run_directory_callbacks(VORX_CALLBACK_INDEX(vorx_pi_pthread_mutex_lock, 1, vorx_or_post), &wsp_, &data_);
+  vorx_run_directory_callbacks(VORX_CALLBACK_INDEX(vorx_pi_read, 1, vorx_or_post), &wsp_, &data_);
+  // paused: a read makes no record, a sync object's name does (with threading)
+  vorx_run_directory_callbacks(VORX_CALLBACK_INDEX(vorx_pi_read, 0, vorx_or_post), &wsp_, &data_);
+  unsigned threading = vorx_wstring_to_collection(L"threading");
+  vorx_u32_t with_threading[VORX_CONF_COLLECTION_WORDS] = {};
+  with_threading[threading / 32] |= 1u << (threading % 32);
+  vorx_unlink_callback_tables();
+  ASSERT_EQ(vorx_register_callbacks(&g_vorx_tp_cbks, with_threading), 1u);
+  data_.params.u___ozk_sync_create.__objtype = "lock";
+  data_.params.u___ozk_sync_create.__objname = "queue";
+  vorx_run_directory_callbacks(VORX_CALLBACK_INDEX(vorx_pi___ozk_sync_create, 0, vorx_or_post), &wsp_, &data_);
+
+  Collector aux = read("aux");
+  ASSERT_EQ(aux.api.size(), 2u);
+  EXPECT_EQ(aux.api[0].function_id, uint32_t(vorx_pi_read));
+  EXPECT_EQ(aux.api[1].function_id, uint32_t(vorx_pi___ozk_sync_create));
+}
+
+TEST_F(HandlerTest, OpenUserWaitsAreClosedAsCancelled) {
+  vorx_u32_t all[VORX_CONF_COLLECTION_WORDS];
+  memset(all, 0xff, sizeof all);
+  vorx_register_callbacks(&g_vorx_tp_cbks, all);
+  vorx_filtering_data* fd = filtering();
+  fd->user_sync.objects[5] = 0xabc0;
+  fd->user_sync.waits[5].locals.enter_time = 77;
+  fd->user_sync.nested_calls_count = 1;
+  EXPECT_EQ(vorx_flush_incomplete_user_waits(&wsp_), 1u);
+  EXPECT_EQ(fd->user_sync.nested_calls_count, 0);
+  EXPECT_EQ(fd->user_sync.objects[5], 0u);
+  EXPECT_EQ(vorx_flush_incomplete_user_waits(&wsp_), 2u);
+
+  Collector aux = read("aux");
+  ASSERT_EQ(aux.api.size(), 1u);
+  EXPECT_EQ(aux.api[0].function_id, uint32_t(vorx_pi___ozk_sync_cancel));
+  EXPECT_EQ(aux.api[0].begin, 77u);
+  ASSERT_EQ(aux.api[0].args.size(), 4u);
+  EXPECT_EQ(word_at(aux.api[0].args, 0), 0xabc0u);
+}
+
+// A spin lock has no blocking call to time: the first nested call inside it starts the wait and
+// publishes the lock, so that a releasing thread can find it; naming calls are no such sign.
+TEST_F(HandlerTest, NestedCallInsideSpinLockStartsItsWait) {
+  int lock = 0;
+  vorx_probe_data_t wait;
+  memset(&wait, 0, sizeof wait);
+  wait.locals.last_probe_id = vorx_pi_pthread_spin_lock;
+  wait.params.u_pthread_spin_lock.__lock = &lock;
+  wait.locals.enter_time = 5;
+  EXPECT_EQ(vorx_is_runtime_in_nested_original(&wait, vorx_pi___ozk_sync_create, filtering()), 0);
+  EXPECT_EQ(wait.locals.wait_started, 0);
+  EXPECT_EQ(vorx_is_runtime_in_nested_original(&wait, vorx_pi_futex, filtering()), 0);
+  EXPECT_EQ(wait.locals.wait_started, 1);
+  EXPECT_EQ(wait.locals.contention_started, 1);
+  EXPECT_EQ(filtering()->sys_sync.count, 1u);
+  EXPECT_EQ(filtering()->sys_sync.objects[0], uint32_t(uintptr_t(&lock)));
+  EXPECT_EQ(filtering()->last_wait_start, wait.locals.enter_time);
+  uint64_t started = wait.locals.enter_time;
+  vorx_is_runtime_in_nested_original(&wait, vorx_pi_futex, filtering());
+  EXPECT_EQ(wait.locals.enter_time, started);  // the first sign counts, later ones change nothing
+
+  // a read inside fread: nothing is measured for the read itself
+  vorx_probe_data_t fread_wait;
+  memset(&fread_wait, 0, sizeof fread_wait);
+  fread_wait.locals.last_probe_id = vorx_pi_fread;
+  EXPECT_EQ(vorx_is_runtime_in_nested_original(&fread_wait, vorx_pi_read, filtering()), 0);
+  EXPECT_EQ(fread_wait.locals.wait_started, 0);
+  EXPECT_EQ(vorx_update_parent_probe_params(), 0);
+}
+
+TEST_F(HandlerTest, ContentionCallbackMarksTheWaiterAndSkipsTheReleaser) {
+  vorx_ts_desc_t waiter{}, releaser{};
+  waiter.l1.data.tid = 10;
+  releaser.l1.data.tid = 11;
+  vorx_filtering_push_sync(filtering(), reinterpret_cast<void*>(0x5000));
+  filtering()->last_wait_start = 99;
+  vorx_contention_request req{0x5000, 11, 0, 0};
+  vorx_sys_sync_contention_callback(&releaser, &wsp_, &req);
+  EXPECT_EQ(req.found, 0u);
+  EXPECT_EQ(vorx_sys_sync_contention_callback(&waiter, &wsp_, &req), uint32_t(vorx_thread_manager_op_err_cont));
+  EXPECT_EQ(req.found, 1u);
+  EXPECT_EQ(req.found_wait_start, 99u);
+  EXPECT_TRUE(vorx_filtering_contended(filtering()));
+  vorx_filtering_clear_sync(filtering());
+  EXPECT_FALSE(vorx_filtering_contended(filtering()));
+  vorx_contention_request other{0x6000, 11, 0, 0};
+  vorx_sys_sync_contention_callback(&waiter, &wsp_, &other);
+  EXPECT_EQ(other.found, 0u);
+}
+
+TEST(MemObjTable, ReportsOnlyReleasesOfKnownBlocks) {
+  vorx_configuration* conf = vorx_alloc_configuration();
+  conf->memory_size_threshold = 1;
+  void* table = nullptr;
+  ASSERT_EQ(vorx_mem_obj_htable_init(conf, &table), 1u);
+  EXPECT_EQ(table, nullptr);  // no table: everything at the size is reported, every free too
+  EXPECT_EQ(vorx_mem_obj_htable_insert(nullptr, conf, 16, reinterpret_cast<void*>(0x10)), 1);
+  EXPECT_EQ(vorx_mem_obj_htable_delete(nullptr, reinterpret_cast<void*>(0x10)), 1);
+
+  conf->memory_size_threshold = 1024;
+  ASSERT_EQ(vorx_mem_obj_htable_init(conf, &table), 1u);
+  ASSERT_NE(table, nullptr);
+  EXPECT_EQ(vorx_mem_obj_htable_insert(table, conf, 512, reinterpret_cast<void*>(0x20)), 0);
+  EXPECT_EQ(vorx_mem_obj_htable_insert(table, conf, 0, reinterpret_cast<void*>(0x20)), 0);
+  EXPECT_EQ(vorx_mem_obj_htable_insert(table, conf, 2048, nullptr), 0);
+  EXPECT_EQ(vorx_mem_obj_htable_insert(table, conf, 2048, reinterpret_cast<void*>(0x30)), 1);
+  EXPECT_EQ(vorx_mem_obj_htable_insert(table, conf, 2048, reinterpret_cast<void*>(0x30)), 1);
+  EXPECT_EQ(vorx_mem_obj_htable_delete(table, reinterpret_cast<void*>(0x30)), 1);
+  EXPECT_EQ(vorx_mem_obj_htable_delete(table, reinterpret_cast<void*>(0x40)), 0);
+  EXPECT_EQ(vorx_mem_obj_htable_delete(table, nullptr), 1);
+  vorx_mem_obj_htable_fini(table);
+  vorx_free_configuration(conf);
+}
+
+}  // namespace
+
