@@ -245,6 +245,7 @@ template <class T>
 inline void sleep_through_nanosleep(frame_t<T>& f) {
     using nanosleep_t = int (*)(const struct timespec*, struct timespec*);
     auto nanosleep_fn = (nanosleep_t)glue::head_trampoline(vorx_pi_nanosleep);
+    VORX_WRAPPER_ASSERT(nanosleep_fn != nullptr);
     unsigned long long amount = T::sleep_amount(f.p());
     struct timespec left;
     if constexpr (T::sleep_unit == 1) {
@@ -278,6 +279,7 @@ inline void call(frame_t<T>& f) {
     if constexpr (T::sleep_unit != 0) {
         sleep_through_nanosleep(f);
     } else if constexpr (T::via_syscall != 0) {
+        VORX_WRAPPER_ASSERT(glue::head_trampoline(vorx_pi_syscall) != nullptr);
         call_with_retry(f, glue::head_trampoline(vorx_pi_syscall));
     } else if constexpr (T::kind == kind::wait_retry) {
         call_with_retry(f, own_trampoline<T>(M, V));
