@@ -69,6 +69,15 @@ private:
   bool first_ = true;
 };
 
+// Viewers show the ids beside the names themselves.
+std::string plain_process_name(std::uint32_t pid, const ActivityTracker &a)
+{
+  auto it = a.processes().find(pid);
+  return it != a.processes().end() && !it->second.name.empty() ? it->second.name : "process " + std::to_string(pid);
+}
+
+std::string plain_thread_name(std::uint32_t tid, const ThreadTrack &t) { return t.name.empty() ? "thread " + std::to_string(tid) : t.name; }
+
 std::string metadata(const char *what, std::uint32_t pid, std::uint32_t tid, const std::string &name)
 {
   std::string e = std::string("{\"name\":\"") + what + "\",\"ph\":\"M\",\"pid\":" + std::to_string(pid) +
@@ -91,7 +100,8 @@ std::string complete(const Slice &s, const ExportClock &clock)
     std::snprintf(hex, sizeof hex, "\"0x%" PRIx64 "\"", *s.object);
     arg("object", hex);
   }
-  if (s.bytes) arg("bytes", std::to_string(*s.bytes));
+  // Viewers that aggregate (speedscope) take the arguments as part of the name: only what
+  // should tell calls apart goes here. Byte counts differ from call to call; the summary has them.
   if (s.unfinished) arg("unfinished", "true");
   if (s.clipped) arg("clipped", "true");
   if (!args.empty()) e += ",\"args\":{" + args + "}";
@@ -121,12 +131,12 @@ void write_chrome_trace(std::ostream &out, const ActivityTracker &activity, cons
   EventList events(out);
   std::map<std::uint32_t, bool> named;
   for (const auto &[key, t] : activity.threads()) {
-    if (!named[key.first]) events.add(metadata("process_name", key.first, 0, process_label(key.first, activity)));
+    if (!named[key.first]) events.add(metadata("process_name", key.first, 0, plain_process_name(key.first, activity)));
     named[key.first] = true;
-    events.add(metadata("thread_name", key.first, key.second, thread_label(key.second, t)));
+    events.add(metadata("thread_name", key.first, key.second, plain_thread_name(key.second, t)));
   }
   for (const auto &[pid, p] : activity.processes())
-    if (!named[pid]) events.add(metadata("process_name", pid, 0, process_label(pid, activity)));
+    if (!named[pid]) events.add(metadata("process_name", pid, 0, plain_process_name(pid, activity)));
   for (const auto &[key, t] : activity.threads())
     for (const Slice &s : t.slices) events.add(complete(s, clock));
   for (const auto &[pid, p] : activity.processes())

@@ -16,7 +16,8 @@ struct ExportClock {
 };
 
 // {"traceEvents":[...]}: "M" names of processes and threads, "X" slices in nesting order per
-// thread, "C" counter values; pid and tid as the trace has them, ts and dur in microseconds.
+// thread (args: the synchronisation object of a wait), "C" counter values; pid and tid as the
+// trace has them, ts and dur in microseconds from the first time stamp.
 void write_chrome_trace(std::ostream &out, const ActivityTracker &activity, const ExportClock &clock);
 
 // "process;thread;outer;...;slice weight" lines, weight the slice's own time in microseconds

@@ -115,9 +115,9 @@ TEST_F(SampleResults, ChromeTraceNestsSlicesPerThread)
   report({"--chrome", json});
   std::string text = read_text(json);
   ASSERT_FALSE(text.empty());
-  EXPECT_NE(text.find(R"J({"name":"process_name","ph":"M","pid":200,"tid":0,"args":{"name":"contention (200)"}})J"),
+  EXPECT_NE(text.find(R"J({"name":"process_name","ph":"M","pid":200,"tid":0,"args":{"name":"contention"}})J"),
             std::string::npos);
-  EXPECT_NE(text.find(R"J({"name":"thread_name","ph":"M","pid":100,"tid":101,"args":{"name":"worker (101)"}})J"),
+  EXPECT_NE(text.find(R"J({"name":"thread_name","ph":"M","pid":100,"tid":101,"args":{"name":"worker"}})J"),
             std::string::npos);
   // The first frame starts 300 us after the first stamp and holds the first condition wait.
   EXPECT_NE(text.find(R"J({"name":"render","cat":"frame","ph":"X","pid":100,"tid":100,"ts":300.000,"dur":600.000})J"),
