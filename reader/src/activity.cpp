@@ -202,7 +202,7 @@ void ActivityTracker::open_slice(std::uint32_t pid, std::uint32_t tid, std::uint
 {
   Open o;
   o.slice.pid = pid, o.slice.tid = tid, o.slice.begin = o.slice.end = t, o.slice.kind = kind;
-  o.slice.name = std::move(name);
+  if (!name.empty()) o.slice.name = intern(std::move(name));
   o.slice.name_key = key;
   o.key = key;
   open_[{pid, tid}].push_back(std::move(o));
@@ -238,10 +238,10 @@ void ActivityTracker::resolve_names(std::uint32_t pid, ThreadTrack &t)
   };
   for (Slice &s : t.slices) {
     if (!s.name.empty()) continue;
-    if (s.kind == SliceKind::Task) s.name = lookup(p.string_names, s.name_key, "task");
-    else if (s.kind == SliceKind::Event) s.name = lookup(p.event_names, s.name_key, "event");
-    else if (s.kind == SliceKind::Frame && (s.name_key & kDomainName)) s.name = lookup(p.domain_names, s.name_key, "domain");
-    else if (s.kind == SliceKind::Frame) s.name = lookup(p.frame_names, s.name_key, "frame");
+    if (s.kind == SliceKind::Task) s.name = intern(lookup(p.string_names, s.name_key, "task"));
+    else if (s.kind == SliceKind::Event) s.name = intern(lookup(p.event_names, s.name_key, "event"));
+    else if (s.kind == SliceKind::Frame && (s.name_key & kDomainName)) s.name = intern(lookup(p.domain_names, s.name_key, "domain"));
+    else if (s.kind == SliceKind::Frame) s.name = intern(lookup(p.frame_names, s.name_key, "frame"));
   }
 }
 

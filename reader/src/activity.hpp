@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <optional>
 #include <string>
 #include <utility>
@@ -22,7 +23,7 @@ struct Slice {
   std::uint32_t pid = 0, tid = 0;
   std::uint64_t begin = 0, end = 0;
   SliceKind kind = SliceKind::Call;
-  std::string name;                    // function, or the annotation's name
+  std::string_view name;               // function, or the annotation's name (held by the tracker)
   std::optional<std::uint64_t> object; // synchronisation object
   std::optional<std::uint64_t> bytes;  // I/O bytes or allocation size
   bool unfinished = false;             // no end in the trace: closed at the thread's last time
@@ -92,7 +93,11 @@ private:
   void close_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::optional<std::uint64_t> key);
   void counter_op(std::uint32_t pid, std::uint64_t t, std::uint64_t counter, double value, bool set);
   void resolve_names(std::uint32_t pid, ThreadTrack &t);
+  // One copy of each name, however many slices carry it; function names are the generated
+  // tables' own and need none.
+  std::string_view intern(std::string name) { return *names_.insert(std::move(name)).first; }
 
+  std::set<std::string, std::less<>> names_;
   std::map<ThreadKey, ThreadTrack> threads_;
   std::map<std::uint32_t, ProcessTrack> processes_;
   std::map<ThreadKey, std::vector<Open>> open_;

@@ -84,10 +84,10 @@ std::vector<std::string> thread_cells(const ActivityTracker &a, std::uint32_t pi
 Table waits_by_function(const ActivityTracker &a, const Seconds &sec)
 {
   Table t{"waits_by_function", "Waiting by function", {"pid", "thread", "function", "count", "total_s", "max_s"}, {}};
-  auto g = group<std::string>(a, [](const Slice &s) { return s.kind == SliceKind::Wait; }, [](const Slice &s) { return s.name; });
-  for (auto [k, agg] : by_cost<std::string>(g, [](const Agg &x) { return x.total; })) {
+  auto g = group<std::string_view>(a, [](const Slice &s) { return s.kind == SliceKind::Wait; }, [](const Slice &s) { return s.name; });
+  for (auto [k, agg] : by_cost<std::string_view>(g, [](const Agg &x) { return x.total; })) {
     auto row = thread_cells(a, std::get<0>(*k), std::get<1>(*k));
-    row.insert(row.end(), {std::get<2>(*k), std::to_string(agg->count), sec(agg->total), sec(agg->max)});
+    row.insert(row.end(), {std::string(std::get<2>(*k)), std::to_string(agg->count), sec(agg->total), sec(agg->max)});
     t.rows.push_back(std::move(row));
   }
   return t;
@@ -96,16 +96,17 @@ Table waits_by_function(const ActivityTracker &a, const Seconds &sec)
 Table waits_by_object(const ActivityTracker &a, const Seconds &sec)
 {
   Table t{"waits_by_object", "Waiting by synchronisation object", {"pid", "thread", "object", "object_name", "function", "count", "total_s", "max_s"}, {}};
-  using Key = std::pair<std::uint64_t, std::string>;
+  using Key = std::pair<std::uint64_t, std::string_view>;
   auto g = group<Key>(a, [](const Slice &s) { return s.kind == SliceKind::Wait && s.object; },
                       [](const Slice &s) { return Key{*s.object, s.name}; });
   for (auto [k, agg] : by_cost<Key>(g, [](const Agg &x) { return x.total; })) {
     auto row = thread_cells(a, std::get<0>(*k), std::get<1>(*k));
     const Key &key = std::get<2>(*k);
-    const auto &names = a.processes().count(std::get<0>(*k)) ? a.processes().at(std::get<0>(*k)).sync_names
-                                                             : std::map<std::uint64_t, std::string>{};
+    static const std::map<std::uint64_t, std::string> unnamed;
+    auto process = a.processes().find(std::get<0>(*k));
+    const auto &names = process != a.processes().end() ? process->second.sync_names : unnamed;
     auto name = names.find(key.first);
-    row.insert(row.end(), {hex(key.first), name != names.end() ? name->second : "", key.second, std::to_string(agg->count),
+    row.insert(row.end(), {hex(key.first), name != names.end() ? name->second : "", std::string(key.second), std::to_string(agg->count),
                            sec(agg->total), sec(agg->max)});
     t.rows.push_back(std::move(row));
   }
@@ -115,10 +116,10 @@ Table waits_by_object(const ActivityTracker &a, const Seconds &sec)
 Table io_by_function(const ActivityTracker &a, const Seconds &sec)
 {
   Table t{"io_by_function", "I/O by function", {"pid", "thread", "function", "calls", "bytes", "total_s", "max_s"}, {}};
-  auto g = group<std::string>(a, [](const Slice &s) { return s.kind == SliceKind::Io; }, [](const Slice &s) { return s.name; });
-  for (auto [k, agg] : by_cost<std::string>(g, [](const Agg &x) { return x.total; })) {
+  auto g = group<std::string_view>(a, [](const Slice &s) { return s.kind == SliceKind::Io; }, [](const Slice &s) { return s.name; });
+  for (auto [k, agg] : by_cost<std::string_view>(g, [](const Agg &x) { return x.total; })) {
     auto row = thread_cells(a, std::get<0>(*k), std::get<1>(*k));
-    row.insert(row.end(), {std::get<2>(*k), std::to_string(agg->count), std::to_string(agg->bytes), sec(agg->total), sec(agg->max)});
+    row.insert(row.end(), {std::string(std::get<2>(*k)), std::to_string(agg->count), std::to_string(agg->bytes), sec(agg->total), sec(agg->max)});
     t.rows.push_back(std::move(row));
   }
   return t;
@@ -127,11 +128,11 @@ Table io_by_function(const ActivityTracker &a, const Seconds &sec)
 Table allocations(const ActivityTracker &a, const Seconds &sec)
 {
   Table t{"allocations", "Allocations", {"pid", "thread", "function", "calls", "bytes", "total_s"}, {}};
-  auto g = group<std::string>(a, [](const Slice &s) { return s.kind == SliceKind::Alloc || s.kind == SliceKind::Free; },
+  auto g = group<std::string_view>(a, [](const Slice &s) { return s.kind == SliceKind::Alloc || s.kind == SliceKind::Free; },
                               [](const Slice &s) { return s.name; });
-  for (auto [k, agg] : by_cost<std::string>(g, [](const Agg &x) { return x.bytes; })) {
+  for (auto [k, agg] : by_cost<std::string_view>(g, [](const Agg &x) { return x.bytes; })) {
     auto row = thread_cells(a, std::get<0>(*k), std::get<1>(*k));
-    row.insert(row.end(), {std::get<2>(*k), std::to_string(agg->count), std::to_string(agg->bytes), sec(agg->total)});
+    row.insert(row.end(), {std::string(std::get<2>(*k)), std::to_string(agg->count), std::to_string(agg->bytes), sec(agg->total)});
     t.rows.push_back(std::move(row));
   }
   return t;
@@ -140,14 +141,14 @@ Table allocations(const ActivityTracker &a, const Seconds &sec)
 Table tasks_and_frames(const ActivityTracker &a, const Seconds &sec)
 {
   Table t{"tasks_and_frames", "Tasks, frames and events", {"pid", "thread", "kind", "name", "count", "total_s", "max_s"}, {}};
-  using Key = std::pair<SliceKind, std::string>;
+  using Key = std::pair<SliceKind, std::string_view>;
   auto g = group<Key>(
       a, [](const Slice &s) { return s.kind == SliceKind::Task || s.kind == SliceKind::Frame || s.kind == SliceKind::Event; },
       [](const Slice &s) { return Key{s.kind, s.name}; });
   for (auto [k, agg] : by_cost<Key>(g, [](const Agg &x) { return x.total; })) {
     auto row = thread_cells(a, std::get<0>(*k), std::get<1>(*k));
     const Key &key = std::get<2>(*k);
-    row.insert(row.end(), {std::string(slice_kind_name(key.first)), key.second, std::to_string(agg->count), sec(agg->total), sec(agg->max)});
+    row.insert(row.end(), {std::string(slice_kind_name(key.first)), std::string(key.second), std::to_string(agg->count), sec(agg->total), sec(agg->max)});
     t.rows.push_back(std::move(row));
   }
   return t;

@@ -154,7 +154,7 @@ void write_folded(std::ostream &out, const ActivityTracker &activity, const Expo
     for (std::size_t i = 0; i < t.slices.size(); i++) {
       const Slice &s = t.slices[i];
       self[i] = s.duration();
-      path[i] = (s.parent >= 0 ? path[std::size_t(s.parent)] : root) + ";" + folded_frame(s.name);
+      path[i] = (s.parent >= 0 ? path[std::size_t(s.parent)] : root) + ";" + folded_frame(std::string(s.name));
       if (s.parent >= 0) {
         std::uint64_t &p = self[std::size_t(s.parent)];
         p -= std::min(p, s.duration());
