@@ -138,12 +138,12 @@ void ActivityTracker::on_call(std::uint32_t pid, const Record &r)
 {
   if (r.function == "__ozk_sync_create" || r.function == "__ozk_sync_set_name" || r.function == "__ozk_sync_rename")
     if (auto named = sync_name(r)) processes_[pid].sync_names[named->first] = named->second;
-  const ApiRoleRow *row = find_api_role(r.function);
+  const CallRole &cr = role_of(std::uint32_t(num(r, "function_id")), r.function);
   // The annotation and collector calls outside the table name things; they took no time of
   // the program's worth showing.
-  if (!row && (r.function.starts_with("__ozk_") || r.function.starts_with("__internal_"))) return;
-  std::uint32_t id = std::uint32_t(num(r, "function_id"));
-  ApiRole role = row ? row->role : probe_blocks(id) ? ApiRole::Wait : ApiRole::Call;
+  if (cr.skip) return;
+  const ApiRoleRow *row = cr.row;
+  ApiRole role = cr.role;
   Slice s;
   s.pid = pid;
   s.tid = std::uint32_t(num(r, "tid"));
@@ -155,6 +155,17 @@ void ActivityTracker::on_call(std::uint32_t pid, const Record &r)
   if (row && row->bytes >= 0)
     if (auto b = word(r, row->bytes)) s.bytes = std::int32_t(*b) < 0 ? 0 : *b;
   threads_[{pid, s.tid}].slices.push_back(std::move(s));
+}
+
+const ActivityTracker::CallRole &ActivityTracker::role_of(std::uint32_t id, std::string_view function)
+{
+  auto it = roles_.find(id);
+  if (it != roles_.end()) return it->second;
+  CallRole cr;
+  cr.row = find_api_role(function);
+  cr.skip = !cr.row && (function.starts_with("__ozk_") || function.starts_with("__internal_"));
+  cr.role = cr.row ? cr.row->role : probe_blocks(id) ? ApiRole::Wait : ApiRole::Call;
+  return roles_.emplace(id, cr).first->second;
 }
 
 void ActivityTracker::on_annotation(std::uint32_t pid, const Record &r)

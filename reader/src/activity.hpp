@@ -4,6 +4,7 @@
 // summary, the Chrome trace and the folded stacks all see the same nesting.
 #pragma once
 
+#include "api_roles.hpp"
 #include "record_decoder.hpp"
 
 #include <cstdint>
@@ -86,6 +87,13 @@ private:
     enum { Add, Set } op;
     double value;
   };
+  // What a wrapped function's calls are, found once a function id.
+  struct CallRole {
+    const ApiRoleRow *row = nullptr;
+    ApiRole role = ApiRole::Call;
+    bool skip = false;
+  };
+  const CallRole &role_of(std::uint32_t id, std::string_view function);
   void on_call(std::uint32_t pid, const Record &r);
   void on_annotation(std::uint32_t pid, const Record &r);
   void open_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::uint64_t key,
@@ -98,6 +106,7 @@ private:
   std::string_view intern(std::string name) { return *names_.insert(std::move(name)).first; }
 
   std::set<std::string, std::less<>> names_;
+  std::map<std::uint32_t, CallRole> roles_;
   std::map<ThreadKey, ThreadTrack> threads_;
   std::map<std::uint32_t, ProcessTrack> processes_;
   std::map<ThreadKey, std::vector<Open>> open_;

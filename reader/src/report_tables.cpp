@@ -1,6 +1,7 @@
 #include "report_tables.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cinttypes>
 #include <map>
 #include <tuple>
@@ -25,7 +26,7 @@ public:
   std::string operator()(std::uint64_t counts) const
   {
     char b[32];
-    std::snprintf(b, sizeof b, "%.6f", double(counts) / hz_);
+    std::snprintf(b, sizeof b, "%.9f", double(counts) / hz_);
     return b;
   }
 
@@ -171,6 +172,21 @@ Table counters(const ActivityTracker &a)
   return t;
 }
 
+bool is_time_column(const std::string &name) { return name.size() > 2 && name.compare(name.size() - 2, 2, "_s") == 0; }
+
+// Seconds for a person: the unit that keeps three or four digits.
+std::string human_seconds(const std::string &cell)
+{
+  double v = std::strtod(cell.c_str(), nullptr);
+  char b[32];
+  if (v == 0) return "0";
+  if (v < 1e-6) std::snprintf(b, sizeof b, "%.0f ns", v * 1e9);
+  else if (v < 1e-3) std::snprintf(b, sizeof b, "%.1f us", v * 1e6);
+  else if (v < 1) std::snprintf(b, sizeof b, "%.2f ms", v * 1e3);
+  else std::snprintf(b, sizeof b, "%.3f s", v);
+  return b;
+}
+
 bool numeric(const std::string &s)
 {
   return !s.empty() && s.find_first_not_of("0123456789.-") == std::string::npos;
@@ -198,14 +214,23 @@ void print_table(std::FILE *out, const Table &t, std::size_t max_rows)
   std::fprintf(out, "%s:%s\n", t.title.c_str(), t.rows.empty() ? " none" : "");
   if (t.rows.empty()) return;
   std::size_t shown = max_rows ? std::min(max_rows, t.rows.size()) : t.rows.size();
-  std::vector<std::size_t> width(t.columns.size());
-  for (std::size_t c = 0; c < t.columns.size(); c++) width[c] = t.columns[c].size();
-  for (std::size_t r = 0; r < shown; r++)
-    for (std::size_t c = 0; c < t.columns.size(); c++) width[c] = std::max(width[c], t.rows[r][c].size());
-  // A column of numbers only is aligned to the right, its heading too.
-  std::vector<bool> right(t.columns.size(), true);
-  for (std::size_t r = 0; r < shown; r++)
-    for (std::size_t c = 0; c < t.columns.size(); c++) right[c] = right[c] && numeric(t.rows[r][c]);
+  // Durations in a person's units ("total_s" becomes "total"); numbers to the right.
+  std::vector<std::string> head = t.columns;
+  std::vector<std::vector<std::string>> rows(t.rows.begin(), t.rows.begin() + std::ptrdiff_t(shown));
+  std::vector<bool> right(head.size(), true);
+  for (std::size_t c = 0; c < head.size(); c++) {
+    bool time = is_time_column(head[c]);
+    if (time) head[c].resize(head[c].size() - 2);
+    for (auto &row : rows) {
+      if (time) row[c] = human_seconds(row[c]);
+      else right[c] = right[c] && numeric(row[c]);
+    }
+  }
+  std::vector<std::size_t> width(head.size());
+  for (std::size_t c = 0; c < head.size(); c++) {
+    width[c] = head[c].size();
+    for (const auto &row : rows) width[c] = std::max(width[c], row[c].size());
+  }
   auto line = [&](const std::vector<std::string> &cells) {
     std::string s = " ";
     for (std::size_t c = 0; c < cells.size(); c++) {
@@ -215,9 +240,9 @@ void print_table(std::FILE *out, const Table &t, std::size_t max_rows)
     }
     std::fprintf(out, "%s\n", s.c_str());
   };
-  line(t.columns);
-  for (std::size_t r = 0; r < shown; r++) line(t.rows[r]);
-  if (shown < t.rows.size()) std::fprintf(out, "  ... %zu more rows (--csv gives them all)\n", t.rows.size() - shown);
+  line(head);
+  for (const auto &row : rows) line(row);
+  if (shown < t.rows.size()) std::fprintf(out, "  ... %zu more rows (--all or --csv give them all)\n", t.rows.size() - shown);
 }
 
 void print_csv(std::FILE *out, const Table &t)

@@ -65,15 +65,15 @@ TEST_F(SampleResults, WaitsAggregatePerObjectAndFunctionAndProcess)
   // Equal totals keep the order of process, thread and name; the child's lock at the same
   // address is its own object.
   EXPECT_EQ(lines_of(csv, "waits_by_function,"), (std::vector<std::string>{
-                                                     "waits_by_function,100,100 main,pthread_cond_wait,3,0.000600,0.000300",
-                                                     "waits_by_function,100,101 worker,pthread_mutex_lock,3,0.000600,0.000300",
-                                                     "waits_by_function,200,200,pthread_mutex_lock,1,0.000050,0.000050",
+                                                     "waits_by_function,100,100 main,pthread_cond_wait,3,0.000600000,0.000300000",
+                                                     "waits_by_function,100,101 worker,pthread_mutex_lock,3,0.000600000,0.000300000",
+                                                     "waits_by_function,200,200,pthread_mutex_lock,1,0.000050000,0.000050000",
                                                  }));
   EXPECT_EQ(lines_of(csv, "waits_by_object,"),
             (std::vector<std::string>{
-                "waits_by_object,100,100 main,0x804a080,,pthread_cond_wait,3,0.000600,0.000300",
-                "waits_by_object,100,101 worker,0x804a040,queue lock (mutex),pthread_mutex_lock,3,0.000600,0.000300",
-                "waits_by_object,200,200,0x804a040,,pthread_mutex_lock,1,0.000050,0.000050",
+                "waits_by_object,100,100 main,0x804a080,,pthread_cond_wait,3,0.000600000,0.000300000",
+                "waits_by_object,100,101 worker,0x804a040,queue lock (mutex),pthread_mutex_lock,3,0.000600000,0.000300000",
+                "waits_by_object,200,200,0x804a040,,pthread_mutex_lock,1,0.000050000,0.000050000",
             }));
 }
 
@@ -81,16 +81,16 @@ TEST_F(SampleResults, IoAllocationsTasksFramesAndCounters)
 {
   std::string csv = report({"--csv"});
   EXPECT_EQ(lines_of(csv, "io_by_function,"), (std::vector<std::string>{
-                                                  "io_by_function,100,100 main,read,1,4096,0.000100,0.000100",
-                                                  "io_by_function,100,101 worker,write,2,64,0.000050,0.000030",
+                                                  "io_by_function,100,100 main,read,1,4096,0.000100000,0.000100000",
+                                                  "io_by_function,100,101 worker,write,2,64,0.000050000,0.000030000",
                                               }));
   EXPECT_EQ(lines_of(csv, "allocations,"), (std::vector<std::string>{
-                                               "allocations,100,100 main,malloc,2,4196,0.000003",
-                                               "allocations,100,100 main,free,1,0,0.000001",
+                                               "allocations,100,100 main,malloc,2,4196,0.000003000",
+                                               "allocations,100,100 main,free,1,0,0.000001000",
                                            }));
   EXPECT_EQ(lines_of(csv, "tasks_and_frames,"), (std::vector<std::string>{
-                                                    "tasks_and_frames,100,100 main,frame,render,3,0.001800,0.000600",
-                                                    "tasks_and_frames,100,100 main,task,load,1,0.000190,0.000190",
+                                                    "tasks_and_frames,100,100 main,frame,render,3,0.001800000,0.000600000",
+                                                    "tasks_and_frames,100,100 main,task,load,1,0.000190000,0.000190000",
                                                 }));
   // inc, inc, inc, +5, dec: in time order whatever the file order.
   EXPECT_EQ(lines_of(csv, "counters,"), (std::vector<std::string>{"counters,100,app/queue depth,5,7,1,8"}));
@@ -102,9 +102,9 @@ TEST_F(SampleResults, TerminalSummaryIsAlignedAndNamed)
   EXPECT_NE(out.find("  process 100 contention\n    thread 100 main:"), std::string::npos) << out;
   EXPECT_NE(out.find("  process 200 contention\n    thread 200:"), std::string::npos) << out;
   EXPECT_NE(out.find("Waiting by synchronisation object:\n"
-                     "  pid thread     object    object_name        function           count  total_s    max_s\n"
-                     "  100 100 main   0x804a080                    pthread_cond_wait      3 0.000600 0.000300\n"
-                     "  100 101 worker 0x804a040 queue lock (mutex) pthread_mutex_lock     3 0.000600 0.000300\n"),
+                     "  pid thread     object    object_name        function           count    total      max\n"
+                     "  100 100 main   0x804a080                    pthread_cond_wait      3 600.0 us 300.0 us\n"
+                     "  100 101 worker 0x804a040 queue lock (mutex) pthread_mutex_lock     3 600.0 us 300.0 us\n"),
             std::string::npos)
       << out;
 }
