@@ -78,10 +78,10 @@ SPECIAL = {
     "mq_open": (1, ["str:{name}", "{ret}"]),
     "pipe": (1, ["{pipedes}[0]", "{pipedes}[1]", "{ret}"]),
     "io_setup": (1, ["*{ctxp}", "{ret}"]),
-    "poll": (1, ["{nfds}", "{ret}"]),
-    "ppoll": (1, ["{nfds}", "{ret}"]),
-    "select": (1, ["{nfds}", "{ret}"]),
-    "pselect": (1, ["{nfds}", "{ret}"]),
+    "poll": (1, ["fds:poll"]),
+    "ppoll": (1, ["fds:poll"]),
+    "select": (1, ["fds:select"]),
+    "pselect": (1, ["fds:select"]),
     "munmap": (1, ["{addr}", "pages:{len}"]),
     "mmap": (1, ["pages:{len}", "{ret}"]),
     "pvalloc": (1, ["pages:{size}", "{ret}"]),
@@ -243,6 +243,14 @@ class Tail:
             for w in range(words):
                 self.stmts.append(f"n += vorx_cbk_u64(t + n, vorx_cbk_id_word({value}, {w}));")
             self.fixed += 4 + 8 * words
+        elif item.startswith("product:"):
+            # an element count times an element size: an overflow is the caller's contract broken
+            a, b = re.findall(r"\{([A-Za-z_0-9]+)\}", item)
+            u = f"data->params.u_{self.fn.cname}"
+            self.stmts.append(f"uint32_t object_size = (uint32_t)(p.__{a} * p.__{b});")
+            self.stmts.append(f"VORX_ASSERT(object_size >= {u}.__{a} && object_size >= {u}.__{b});")
+            self.stmts.append("n += vorx_cbk_u32(t + n, object_size);")
+            self.fixed += 4
         elif item.startswith("pages:"):
             self.stmts.append(f"n += vorx_cbk_u32(t + n, vorx_cbk_pages((uint64_t)({self.expand(item[6:])})));")
             self.fixed += 4
@@ -262,6 +270,8 @@ def values_of(fn):
     has_ret = fn.ret != "void"
     if fn.kind == "heap":
         size, obj, freed = fn.attr("hsize"), fn.attr("hobj") or "{ret}", fn.attr("hfree")
+        if size and re.fullmatch(r"\{\w+\}\*\{\w+\}", size):
+            size = "product:" + size
         if size and freed:
             return (1, [freed, size, obj])
         if size:
@@ -276,8 +286,32 @@ def values_of(fn):
     return (1 if items else 0, items)
 
 
+def emit_fd_list_callback(out, fn, cb, how):
+    """poll and select: the count, the result and the ready descriptors, gathered in the workspace's vector."""
+    out.append(f"  const auto& p = data->params.u_{fn.cname};")
+    out.append("  uint32_t count = 0;")
+    out.append("  if (p.__result > 0) {")
+    if how == "poll":
+        out.append("    count = vorx_cbk_poll_fds(wsp, p.__fds, (uint32_t)p.__nfds);")
+    else:
+        out.append("    vorx_get_signaled_fds(&wsp->fd_vector, p.__readfds, p.__writefds, p.__exceptfds, p.__nfds, &count);")
+    out.append("  }")
+    out.append("  uint8_t t[9];")
+    out.append("  uint32_t n = vorx_cbk_u8(t, 1);")
+    out.append("  n += vorx_cbk_u32(t + n, count);")
+    out.append("  n += vorx_cbk_u32(t + n, (uint32_t)p.__result);")
+    out.append(f"  vorx_cbk_put_call_record_with_list(wsp, data, vorx_cbk_unit(wsp, data), vorx_pi_{fn.cname}, t, n,")
+    out.append(f'                                     wsp->fd_vector.entries, count, "{cb}");')
+    out.append("}")
+    return cb
+
+
 def emit_callback(out, fn, form, version, items, order):
     cb = f"vorx_tp_{fn.cbk_name}_{'pre' if order == PRE else 'post'}_cbk"
+    if items and items[0].startswith("fds:"):
+        out.append(f'extern "C" void {cb}(void* w, vorx_probe_data_t* data) {{')
+        out.append("  vorx_workspace* wsp = static_cast<vorx_workspace*>(w);")
+        return emit_fd_list_callback(out, fn, cb, items[0][4:])
     tail = Tail(fn)
     for item in items:
         tail.add(item)

@@ -1,6 +1,8 @@
 // The writing of API records for the generated event callbacks: the head is built here, the callback
 // builds the values behind it, and the thread's unit gets both in one put.
+#include <poll.h>
 #include <stdio.h>
+#include <sys/select.h>
 #include <string.h>
 
 #include "event_records.h"
@@ -26,6 +28,23 @@ void put_or_die(vorx_tmu_t* unit, const uint8_t* head, uint32_t head_len, const 
   if (unit->put_record(unit, head, head_len, tail_len ? tail : nullptr, tail_len) == 0) vorx_cbk_record_lost(callback);
 }
 
+// Room for one more descriptor in the workspace's vector, growing it by doubling.
+void fd_vector_push(vorx_fd_vector* v, uint32_t used, vorx_u32_t fd) {
+  if (used >= v->capacity || !v->entries) {
+    vorx_u32_t grown = v->capacity ? v->capacity * 2 : 64;
+    while (grown <= used) grown *= 2;
+    vorx_fd_vector_realloc(v, grown);
+    VORX_ASSERT_MSG(v->entries != nullptr && v->capacity >= grown, "Cannot reallocate wsp->fd_vector.");
+  }
+  v->entries[used] = fd;
+}
+
+void gather_set(vorx_fd_vector* v, const fd_set* set, int nfds, uint32_t* count) {
+  if (!set) return;
+  for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd)
+    if (FD_ISSET(fd, set)) fd_vector_push(v, (*count)++, (vorx_u32_t)fd);
+}
+
 }  // namespace
 
 extern "C" {
@@ -49,6 +68,35 @@ void vorx_cbk_put_point_record(vorx_workspace* wsp, const vorx_probe_data_t* dat
   uint32_t head_len =
       tf_apiwrap_v2_put_head(head, kCallDescriptor, wsp->thread, 0, data->locals.enter_time, id | kPointFlag, tail_len);
   put_or_die(unit, head, head_len, tail, tail_len, callback);
+}
+
+void vorx_cbk_put_call_record_with_list(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit,
+                                        uint32_t id, const uint8_t* prefix, uint32_t prefix_len,
+                                        const vorx_u32_t* list, uint32_t count, const char* callback) {
+  uint8_t head[kHeadMax + 16];
+  VORX_ASSERT(prefix_len <= 16);
+  uint32_t list_len = count * 4;
+  uint32_t head_len = tf_apiwrap_v1_put_head(head, kCallDescriptor, wsp->thread, 0, data->locals.leave_time,
+                                             data->locals.enter_time, 0, id, prefix_len + list_len);
+  memcpy(head + head_len, prefix, prefix_len);
+  put_or_die(unit, head, head_len + prefix_len, reinterpret_cast<const uint8_t*>(list), list_len, callback);
+}
+
+uint32_t vorx_cbk_poll_fds(vorx_workspace* wsp, const void* fds, uint32_t nfds) {
+  const struct pollfd* p = static_cast<const struct pollfd*>(fds);
+  uint32_t count = 0;
+  for (uint32_t i = 0; p && i < nfds; ++i)
+    if (p[i].revents != 0) fd_vector_push(&wsp->fd_vector, count++, (vorx_u32_t)p[i].fd);
+  return count;
+}
+
+void vorx_get_signaled_fds(vorx_fd_vector* fd_vector, const void* readfds, const void* writefds,
+                           const void* exceptfds, int nfds, uint32_t* out_count) {
+  uint32_t count = 0;
+  gather_set(fd_vector, static_cast<const fd_set*>(readfds), nfds, &count);
+  gather_set(fd_vector, static_cast<const fd_set*>(writefds), nfds, &count);
+  gather_set(fd_vector, static_cast<const fd_set*>(exceptfds), nfds, &count);
+  *out_count = count;
 }
 
 // Nothing is retried: a lost record (a full disk) stops the studied application on purpose.

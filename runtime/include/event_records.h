@@ -42,6 +42,17 @@ void vorx_cbk_put_call_record(vorx_workspace* wsp, const vorx_probe_data_t* data
 /* A type 9 record: one time (enter_time), id | 0x80000000, then `tail`. */
 void vorx_cbk_put_point_record(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
                                const uint8_t* tail, uint32_t tail_len, const char* callback);
+/* A type 7 record whose values end with a list of 32-bit words (the ready descriptors of poll and select):
+ * `prefix` is the version byte and the fixed values, `list` the words behind them. */
+void vorx_cbk_put_call_record_with_list(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit,
+                                        uint32_t id, const uint8_t* prefix, uint32_t prefix_len,
+                                        const vorx_u32_t* list, uint32_t count, const char* callback);
+/* Gathers into wsp->fd_vector the descriptors of `fds` with a non-zero revents (at most nfds); the count. */
+uint32_t vorx_cbk_poll_fds(vorx_workspace* wsp, const void* fds, uint32_t nfds);
+/* Gathers every descriptor set in readfds, writefds and exceptfds, in this order, nfds bits each; a
+ * descriptor set in two sets appears twice. */
+void vorx_get_signaled_fds(vorx_fd_vector* fd_vector, const void* readfds, const void* writefds,
+                           const void* exceptfds, int nfds, uint32_t* out_count);
 /* The fatal end of a record that the unit refused. */
 void vorx_cbk_record_lost(const char* callback) __attribute__((noreturn));
 

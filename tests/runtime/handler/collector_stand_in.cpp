@@ -15,3 +15,13 @@ void vorx_block_profiling_signal(void) {}
 void vorx_unblock_profiling_signal(void) {}
 const char* vorx_env_getenv(const char*) { return nullptr; }
 }
+
+// The workspace's descriptor vector grows as the workspace itself grows it.
+#include <stdlib.h>
+#include "workspace.h"
+extern "C" void vorx_fd_vector_realloc(vorx_fd_vector* v, vorx_u32_t new_size) {
+  void* grown = realloc(v->entries, new_size * sizeof(vorx_u32_t));
+  if (!grown) return;
+  v->entries = static_cast<vorx_u32_t*>(grown);
+  v->capacity = new_size;
+}

@@ -3,6 +3,9 @@
 // waits left open are closed as cancelled; the heap table decides which releases are reported.
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/select.h>
+
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -25,6 +28,9 @@ void vorx_tp_malloc_post_cbk(void*, vorx_probe_data_t*);
 void vorx_tp_read_post_cbk(void*, vorx_probe_data_t*);
 void vorx_tp_open_post_cbk(void*, vorx_probe_data_t*);
 void vorx_tp_getchar_post_cbk(void*, vorx_probe_data_t*);
+void vorx_tp_select_post_cbk(void*, vorx_probe_data_t*);
+void vorx_tp_poll_post_cbk(void*, vorx_probe_data_t*);
+void vorx_tp_calloc_post_cbk(void*, vorx_probe_data_t*);
 void vorx_tp___ozk_task_begin_pre_cbk(void*, vorx_probe_data_t*);
 void vorx_tp___ozk_domain_create_post_cbk(void*, vorx_probe_data_t*);
 void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data);
@@ -188,6 +194,48 @@ TEST_F(HandlerTest, ReadRecordsDescriptorAndByteCountAndPathsTheirText) {
   EXPECT_EQ(aux.api[2].args.size(), 2u + 1u + 4u);  // a null path is one NUL
   EXPECT_EQ(aux.api[3].version, -1);                // no values: no version byte
   EXPECT_TRUE(aux.api[3].args.empty());
+}
+
+// Ready descriptors: select walks the three sets in order (a descriptor in two sets counts twice),
+// poll takes those with events; a failed or empty wait has no list.
+TEST_F(HandlerTest, SelectAndPollListTheReadyDescriptors) {
+  fd_set readable, writable;
+  FD_ZERO(&readable);
+  FD_ZERO(&writable);
+  FD_SET(3, &readable);
+  FD_SET(9, &readable);
+  FD_SET(3, &writable);
+  data_.params.u_select.__nfds = 10;
+  data_.params.u_select.__readfds = &readable;
+  data_.params.u_select.__writefds = &writable;
+  data_.params.u_select.__exceptfds = nullptr;
+  data_.params.u_select.__result = 3;
+  vorx_tp_select_post_cbk(&wsp_, &data_);
+  data_.params.u_select.__readfds = data_.params.u_select.__writefds = nullptr;
+  data_.params.u_select.__result = 0;
+  vorx_tp_select_post_cbk(&wsp_, &data_);
+  struct pollfd fds[3] = {{4, POLLIN, 0}, {5, POLLIN, POLLIN}, {6, POLLOUT, POLLHUP}};
+  data_.params.u_poll.__fds = fds;
+  data_.params.u_poll.__nfds = 3;
+  data_.params.u_poll.__result = 2;
+  vorx_tp_poll_post_cbk(&wsp_, &data_);
+
+  Collector aux = read("aux");
+  ASSERT_EQ(aux.api.size(), 3u);
+  std::vector<uint32_t> select_words, poll_words;
+  for (size_t i = 0; i < aux.api[0].args.size() / 4; ++i) select_words.push_back(word_at(aux.api[0].args, i));
+  for (size_t i = 0; i < aux.api[2].args.size() / 4; ++i) poll_words.push_back(word_at(aux.api[2].args, i));
+  EXPECT_EQ(select_words, (std::vector<uint32_t>{3, 3, 3, 9, 3}));  // count, result, then 3 9 | 3
+  EXPECT_EQ(aux.api[1].args.size(), 8u);                             // count 0, result 0, no list
+  EXPECT_EQ(poll_words, (std::vector<uint32_t>{2, 2, 5, 6}));
+  free(wsp_.fd_vector.entries);
+}
+
+TEST_F(HandlerTest, CallocWhoseSizeOverflowsIsABrokenContract) {
+  data_.params.u_calloc.__count = 0x10000;
+  data_.params.u_calloc.__size = 0x10001;
+  data_.params.u_calloc.__result = reinterpret_cast<void*>(0x1000);
+  EXPECT_DEATH(vorx_tp_calloc_post_cbk(&wsp_, &data_), "object_size >= ");
 }
 
 TEST_F(HandlerTest, AnnotationPointsAndCreationsAreTypedByTheReader) {
