@@ -174,10 +174,12 @@ Table counters(const ActivityTracker &a)
 
 bool is_time_column(const std::string &name) { return name.size() > 2 && name.compare(name.size() - 2, 2, "_s") == 0; }
 
-// Seconds for a person: the unit that keeps three or four digits.
-std::string human_seconds(const std::string &cell)
+std::string human_seconds(const std::string &cell) { return format_seconds(std::strtod(cell.c_str(), nullptr)); }
+
+} // namespace
+
+std::string format_seconds(double v)
 {
-  double v = std::strtod(cell.c_str(), nullptr);
   char b[32];
   if (v == 0) return "0";
   if (v < 1e-6) std::snprintf(b, sizeof b, "%.0f ns", v * 1e9);
@@ -186,6 +188,8 @@ std::string human_seconds(const std::string &cell)
   else std::snprintf(b, sizeof b, "%.3f s", v);
   return b;
 }
+
+namespace {
 
 bool numeric(const std::string &s)
 {

@@ -21,6 +21,9 @@ struct Table {
 // hz: time-source counts per second (0: unknown, stamps are taken as nanoseconds).
 std::vector<Table> build_tables(const ActivityTracker &activity, std::uint64_t hz);
 
+// Seconds for a person: the unit that keeps three or four digits (ns, us, ms, s).
+std::string format_seconds(double seconds);
+
 // Aligned columns, numbers to the right, durations in a person's units. At most max_rows rows
 // a table (0: all).
 void print_table(std::FILE *out, const Table &t, std::size_t max_rows);

@@ -11,6 +11,8 @@ namespace {
 constexpr std::uint32_t kClassBegin = 4096, kClassEnd = 8192;
 constexpr std::size_t kDumpBytesMax = 256;
 
+constexpr std::string_view kTimeFields[] = {"timestamp", "begin_time", "end_time", "time"};
+
 std::uint64_t num_or(const Record &r, std::string_view name, std::uint64_t fallback)
 {
   const Field *f = r.find(name);
@@ -135,7 +137,6 @@ void TraceParser::track(const Record &r)
   std::string_view n = r.name();
   counts_[n]++;
   if (r.schema && r.schema->api) api_counts_[r.function.empty() ? std::string_view("(unknown function)") : r.function]++;
-  static constexpr std::string_view kTimeFields[] = {"timestamp", "begin_time", "end_time", "time"};
   for (std::string_view t : kTimeFields) see_time(num_or(r, t, 0));
   if (n == "hardcfg" || n == "hardcfg3" || n == "hardcfg4" || n == "hardcfg5")
     timesource_hz_ = num_or(r, "timesource_frequency", 0);
@@ -158,6 +159,11 @@ void TraceParser::track(const Record &r)
   if (!tid || tid->kind != Field::Kind::Num) return;
   ThreadInfo &t = threads_[{file_pid(), std::uint32_t(tid->num)}];
   t.records++;
+  for (std::string_view f : kTimeFields)
+    if (std::uint64_t v = num_or(r, f, 0)) {
+      t.first = t.first ? std::min(t.first, v) : v;
+      t.last = std::max(t.last, v);
+    }
   if (n == "thread" || n == "thread_writer") {
     std::uint64_t cls = num_or(r, "event_class", 0);
     if (cls == kClassBegin) t.begun = true;
@@ -183,6 +189,22 @@ void TraceParser::finish(Stats &stats)
     if (t.begun && !t.ended) stats.add(Stat::threads_without_end);
   for (const auto &[pid, p] : processes_)
     if (p.begun && !p.ended) stats.add(Stat::processes_without_end);
+}
+
+// ", 3.90 ms, waiting 600.0 us (15%)": how long the thread was seen and how much of it it waited.
+std::string TraceParser::thread_time(const ThreadKey &key, const ThreadInfo &t) const
+{
+  if (t.last <= t.first) return {};
+  double hz = timesource_hz_ ? double(timesource_hz_) : 1e9;
+  std::uint64_t waited = 0;
+  if (auto a = activity_.threads().find(key); a != activity_.threads().end())
+    for (const Slice &s : a->second.slices)
+      if (s.kind == SliceKind::Wait) waited += s.duration();
+  std::string text = ", " + format_seconds(double(t.last - t.first) / hz);
+  if (waited)
+    text += ", waiting " + format_seconds(double(waited) / hz) + " (" +
+            std::to_string(unsigned(double(waited) * 100 / double(t.last - t.first) + 0.5)) + "%)";
+  return text;
 }
 
 void TraceParser::print_csv_tables() const
@@ -211,8 +233,8 @@ void TraceParser::print_summary(const Stats &stats, std::size_t max_rows) const
       if (key.first != pid) continue;
       auto a = activity_.threads().find(key);
       const std::string &name = a != activity_.threads().end() && !a->second.name.empty() ? a->second.name : t.name;
-      std::fprintf(o, "    thread %u%s%s: %" PRIu64 " records%s\n", key.second, name.empty() ? "" : " ", name.c_str(),
-                   t.records, t.begun && !t.ended ? " (no end record)" : "");
+      std::fprintf(o, "    thread %u%s%s: %" PRIu64 " records%s%s\n", key.second, name.empty() ? "" : " ", name.c_str(),
+                   t.records, thread_time(key, t).c_str(), t.begun && !t.ended ? " (no end record)" : "");
     }
   };
   for (const auto &[pid, p] : processes_) {

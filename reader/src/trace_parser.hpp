@@ -23,6 +23,7 @@ struct ProcessInfo {
 struct ThreadInfo {
   bool begun = false, ended = false;
   std::uint64_t records = 0;
+  std::uint64_t first = 0, last = 0; // time stamps of the thread's records (0: none)
   std::string name;
 };
 
@@ -69,6 +70,7 @@ public:
 private:
   void track(const Record &r);
   void see_time(std::uint64_t t);
+  std::string thread_time(const ThreadKey &key, const ThreadInfo &t) const;
   std::uint32_t file_pid() const { return files_.empty() ? 0 : files_.back().pid.value_or(0); }
 
   std::FILE *out_;

@@ -165,7 +165,7 @@ TEST(ReportCommand, SummaryOfAResultsDirectory)
   EXPECT_EQ(status, 0);
   EXPECT_NE(out.find("files: 2"), std::string::npos) << out;
   EXPECT_NE(out.find("records: 12"), std::string::npos) << out;
-  EXPECT_NE(out.find("  process 100 app\n    thread 101 worker: 4 records\n    thread 102: 2 records (no end record)\n"),
+  EXPECT_NE(out.find("  process 100 app\n    thread 101 worker: 4 records, 1.5 us\n    thread 102: 2 records, 4.0 us (no end record)\n"),
             std::string::npos) << out;
   EXPECT_NE(out.find("  cpu_sample           2\n"), std::string::npos) << out;
   EXPECT_NE(out.find("time span: 1000 .. 9000 (8000 counts, 0.000008 s at 1000000000 Hz)"), std::string::npos) << out;

@@ -99,7 +99,9 @@ TEST_F(SampleResults, IoAllocationsTasksFramesAndCounters)
 TEST_F(SampleResults, TerminalSummaryIsAlignedAndNamed)
 {
   std::string out = report({});
-  EXPECT_NE(out.find("  process 100 contention\n    thread 100 main:"), std::string::npos) << out;
+  EXPECT_NE(out.find("  process 100 contention\n    thread 100 main: 28 records, 4.00 ms, waiting 600.0 us (15%)\n"),
+            std::string::npos)
+      << out;
   EXPECT_NE(out.find("  process 200 contention\n    thread 200:"), std::string::npos) << out;
   EXPECT_NE(out.find("Waiting by synchronisation object:\n"
                      "  pid thread     object    object_name        function           count    total      max\n"
