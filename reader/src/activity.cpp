@@ -172,7 +172,8 @@ void ActivityTracker::on_annotation(std::uint32_t pid, const Record &r)
 {
   std::string_view fn = r.api->name;
   std::uint32_t tid = std::uint32_t(num(r, "tid"));
-  std::uint64_t t = num(r, "time");
+  // Points (type 9) have one time; calls of the family (type 7) count from their start.
+  std::uint64_t t = r.find("time") ? num(r, "time") : num(r, "begin_time");
   ProcessTrack &p = processes_[pid];
   auto name_into = [&](std::map<std::uint32_t, std::string> &names) { names[std::uint32_t(num(r, "arg1"))] = text(r, "arg0"); };
   if (fn == "__ozk_thread_set_name" || fn == "__internal_thread_name") threads_[{pid, tid}].name = text(r, "arg0");

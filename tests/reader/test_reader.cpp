@@ -221,3 +221,18 @@ TEST(Dump, InterpreterRecordsShowTheirTag)
   ASSERT_EQ(l.records.size(), 2u);
   EXPECT_EQ(l.records[1], "@8 interpreter desc=0x03000000 size=12 type=2 tag=\"PYTE\" body=[4x1]41010000");
 }
+
+TEST(ReportCommand, FileNamesGiveTheProcess)
+{
+  EXPECT_EQ(pid_of_file_name("/r/1-100.0.trace"), 100u);
+  EXPECT_EQ(pid_of_file_name("12-345.2.th.aux"), 345u);
+  EXPECT_EQ(pid_of_file_name("t.trace"), std::nullopt);
+  EXPECT_EQ(pid_of_file_name("1-.0.trace"), std::nullopt);
+  EXPECT_EQ(pid_of_file_name("1-99999999999.0.trace"), std::nullopt);
+  // Without a pid in the name, the file's own process record names it.
+  TempDir dir;
+  dir.write("child.trace", TraceBuilder().process(300, TF_EC_BEGIN, 10, "kid").thread(301, TF_EC_BEGIN, 20).bytes());
+  int status = -1;
+  std::string out = run_report({dir.path, "--no-progress"}, &status);
+  EXPECT_NE(out.find("  process 300 kid (no end record)\n    thread 301: 1 records"), std::string::npos) << out;
+}

@@ -206,3 +206,37 @@ TEST(Activity, UnfinishedTasksEndWithTheirThreadAndStrayEndsAreIgnored)
 }
 
 } // namespace
+
+namespace {
+
+TEST(Activity, CountersByHandleAndSetValuesReplayInTimeOrder)
+{
+  TraceBuilder b;
+  // Written out of time order, as two threads' units would leave them in one file.
+  b.note(1, 50, [](auto *r) { tf_record_apiwrap_v1_init___ozk_counter_inc_delta_v3(r, 1, 2, 10); })
+      .note(1, 10, [](auto *r) { tf_record_apiwrap_v1_init___ozk_domain_create(r, "net", 1); })
+      .note(1, 10, [](auto *r) { tf_record_apiwrap_v1_init___ozk_string_handle_create(r, "packets", 2); })
+      .note(2, 20, [](auto *r) { tf_record_apiwrap_v1_init___ozk_counter_inc_v3(r, 1, 2); })
+      .note(2, 60, [](auto *r) { tf_record_apiwrap_v1_init___ozk_counter_dec_v3(r, 1, 2); })
+      .note(1, 5, [](auto *r) { tf_record_apiwrap_v1_init___ozk_counter_create_typed(r, "level", nullptr, 8, 2); })
+      .note(1, 30, [](auto *r) { tf_record_apiwrap_v1_init___ozk_counter_set_value(r, 8, 40); })
+      .note(2, 40, [](auto *r) { tf_record_apiwrap_v1_init___ozk_counter_dec_delta(r, 8, 15); });
+  struct Sink : TraceSink {
+    ActivityTracker a;
+    void on_record(const Record &r, const Location &) override { a.on_record(1, r); }
+  } sink;
+  Stats stats;
+  TraceTokenizer tok("t", sink, stats);
+  tok.feed(Bytes(b.bytes().data(), b.bytes().size()));
+  tok.finish();
+  sink.a.finish();
+  const ProcessTrack &p = sink.a.processes().at(1);
+  ASSERT_EQ(p.counters.size(), 2u);
+  std::map<std::string, std::vector<double>> values;
+  for (const auto &[id, c] : p.counters)
+    for (const CounterPoint &pt : c.points) values[c.name].push_back(pt.value);
+  EXPECT_EQ(values["net/packets"], (std::vector<double>{1, 11, 10}));
+  EXPECT_EQ(values["level"], (std::vector<double>{40, 25}));
+}
+
+} // namespace
