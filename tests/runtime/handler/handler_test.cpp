@@ -14,6 +14,7 @@
 
 #include "event_filtering.h"
 #include "event_records.h"
+#include "handles_db.h"
 #include "runtime_entries.h"
 #include "trace_tokenizer.hpp"
 #include "vorx_config.h"
@@ -384,6 +385,41 @@ TEST(MemObjTable, ReportsOnlyReleasesOfKnownBlocks) {
   EXPECT_EQ(vorx_mem_obj_htable_delete(table, nullptr), 1);
   vorx_mem_obj_htable_fini(table);
   vorx_free_configuration(conf);
+}
+
+// Handles map to stable ids: a removed handle's item comes back for a new handle with a new id, an
+// unknown handle gets an id when first translated, and handles of one name share its id.
+TEST(HandlesDb, StableIdsAcrossReuseTranslationAndNames) {
+  vorx_handles_db* db = vorx_alloc_handles_db(nullptr);
+  EXPECT_EQ(db->ops->add(db, 5, "/tmp/a"), 1u);
+  EXPECT_EQ(db->ops->add(db, 5, "/tmp/b"), 0u);  // known already
+  vorx_handle_item* five = db->ops->find(db, 5);
+  ASSERT_NE(five, nullptr);
+  uint32_t first_id = five->id;
+  EXPECT_NE(first_id, 0u);
+
+  EXPECT_EQ(db->ops->add(db, 6, "/tmp/a"), 1u);
+  EXPECT_EQ(db->ops->find(db, 6)->id, first_id);
+  db->ops->duplicate(db, 5, 9);
+  EXPECT_STREQ(db->ops->find(db, 9)->value, "/tmp/a");
+
+  db->ops->remove(db, 5);
+  EXPECT_EQ(db->ops->find(db, 5), nullptr);
+  EXPECT_EQ(five->handle, 0u);
+  // a handle of the same bucket takes the freed item, with a fresh id
+  uint32_t same_bucket = 6;
+  while (vorx_handles_db_bucket(same_bucket) != vorx_handles_db_bucket(5) || same_bucket == 5) ++same_bucket;
+  EXPECT_EQ(db->ops->add(db, same_bucket, nullptr), 1u);
+  EXPECT_EQ(db->ops->find(db, same_bucket), five);
+  EXPECT_NE(five->id, first_id);
+
+  uint32_t handles[3] = {6, 77, 0}, ids[3] = {};
+  db->ops->translate(db, handles, 3, ids, 2);
+  EXPECT_EQ(ids[0], first_id);
+  ASSERT_NE(db->ops->find(db, 77), nullptr);
+  EXPECT_EQ(ids[1], db->ops->find(db, 77)->id);
+  EXPECT_EQ(ids[2], 0u);  // beyond the capacity: untouched
+  vorx_free_handles_db(db);
 }
 
 }  // namespace
