@@ -2,6 +2,7 @@
 // was contended, so that the waiter reports its wait however short it was, and the release reports itself.
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include "event_filtering.h"
 #include "vorx_log.h"
@@ -124,6 +125,63 @@ int vorx_find_sync_waiter(vorx_ts_desc_t* key, void* filtering_data, void* objec
                               req);
   if (since) *since = req->found_wait_start;
   return req->found != 0;
+}
+
+// ------------------------------------------------------------------ pause and resume
+
+void vorx_generate_sample_record(vorx_workspace* wsp, void* context, void* info) __attribute__((weak));
+
+// A sample with no address closes the thread's sample stream at the moment of the change.
+void vorx_put_boundary_paused_sample(vorx_workspace* wsp) {
+  if (vorx_generate_sample_record) vorx_generate_sample_record(wsp, nullptr, nullptr);
+}
+
+}  // extern "C"
+
+namespace {
+
+// Catches a thread (waiting while it runs the collector), then `work` on its workspace.
+template <class Fn>
+void with_caught_thread(vorx_ts_desc_t* thread, Fn work) {
+  for (;;) {
+    void* data = nullptr;
+    vorx_u32_t caught = vorx_thread_manager_catch(g_vorx_thread_manager, thread, &data);
+    if (caught == vorx_thread_manager_op_err_again) {
+      struct timespec pause = {0, 10 * 1000 * 1000};
+      nanosleep(&pause, nullptr);
+      continue;
+    }
+    if (caught == vorx_thread_manager_op_err_ok) {
+      work(static_cast<vorx_workspace*>(data));
+      vorx_thread_manager_release(g_vorx_thread_manager, thread);
+    }
+    return;
+  }
+}
+
+bool cpu_collection_on() { return g_vorx_conf && vorx_conf_has_collection(g_vorx_conf, vorx_cl_cpu); }
+
+}  // namespace
+
+extern "C" {
+
+vorx_u32_t vorx_resume_callback(vorx_ts_desc_t* thread, void* wsp, void* data) {
+  (void)wsp;
+  (void)data;
+  with_caught_thread(thread, [](vorx_workspace* caught) {
+    vorx_mark_paused_waits_to_be_stored(caught);
+    if (cpu_collection_on()) vorx_put_boundary_paused_sample(caught);
+  });
+  return vorx_thread_manager_op_err_cont;
+}
+
+vorx_u32_t vorx_pause_callback(vorx_ts_desc_t* thread, void* wsp, void* data) {
+  (void)wsp;
+  (void)data;
+  with_caught_thread(thread, [](vorx_workspace* caught) {
+    if (cpu_collection_on()) vorx_put_boundary_paused_sample(caught);
+  });
+  return vorx_thread_manager_op_err_cont;
 }
 
 }  // extern "C"

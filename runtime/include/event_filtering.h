@@ -77,6 +77,12 @@ int vorx_find_sync_waiter(vorx_ts_desc_t* key, void* filtering_data, void* objec
 vorx_u32_t vorx_sys_sync_contention_callback(vorx_ts_desc_t* thread, void* wsp, void* request);
 vorx_u32_t vorx_user_sync_contention_callback(vorx_ts_desc_t* thread, void* wsp, void* request);
 
+/* Thread-manager enumeration callbacks of a state change: waits in flight of a resumed thread are
+ * reported in the resumed entry; with CPU sampling a boundary sample closes each thread's stream. */
+vorx_u32_t vorx_resume_callback(vorx_ts_desc_t* thread, void* wsp, void* data);
+vorx_u32_t vorx_pause_callback(vorx_ts_desc_t* thread, void* wsp, void* data);
+void vorx_put_boundary_paused_sample(vorx_workspace* wsp);
+
 /* Waits in flight. */
 int vorx_is_runtime_in_nested_original(vorx_probe_data_t* wait, uint32_t probe_id, void* filtering_data);
 int vorx_update_nested_probe_params(vorx_probe_data_t* data, vorx_probe_data_t* incomplete_wait);

@@ -343,6 +343,20 @@ TEST_F(HandlerTest, NestedCallInsideSpinLockStartsItsWait) {
   EXPECT_EQ(vorx_update_parent_probe_params(), 0);
 }
 
+// A wait that began paused and ends after the resume is reported in the resumed entry.
+TEST_F(HandlerTest, ResumeMovesWaitsInFlightToTheResumedEntry) {
+  vorx_probe_data_t wait;
+  memset(&wait, 0, sizeof wait);
+  wait.locals.state = 0;
+  wsp_.incomplete_wait = &wait;
+  filtering()->user_sync.objects[3] = 0x77;
+  vorx_mark_paused_waits_to_be_stored(&wsp_);
+  EXPECT_EQ(wait.locals.state, 1u);
+  EXPECT_EQ(filtering()->user_sync.paused[3], 1u);
+  EXPECT_EQ(filtering()->user_sync.paused[2], 0u);
+  wsp_.incomplete_wait = nullptr;
+}
+
 TEST_F(HandlerTest, ContentionCallbackMarksTheWaiterAndSkipsTheReleaser) {
   vorx_ts_desc_t waiter{}, releaser{};
   waiter.l1.data.tid = 10;
