@@ -150,7 +150,11 @@ std::vector<std::string> collect_files(const std::vector<std::string> &inputs, b
         std::fprintf(stderr, "vorx report: cannot list %s: %s\n", in.c_str(), ec.message().c_str());
         ok = false;
       }
-      if (found.empty()) std::fprintf(stderr, "vorx report: %s holds no trace files (*.trace, *.th, ...)\n", in.c_str());
+      if (found.empty())
+        std::fprintf(stderr, "vorx report: %s holds no trace files (*.trace, *.th, ...)%s\n", in.c_str(),
+                     fs::exists(fs::path(in) / "manifest.json", ec)
+                         ? ": the collection wrote none; its manifest.json and any *.log files there may say why"
+                         : "");
       std::sort(found.begin(), found.end());
       files.insert(files.end(), found.begin(), found.end());
     } else if (fs::exists(in, ec)) {
