@@ -97,8 +97,20 @@ class RunExample(Workdir):
         self.assertEqual(positions, sorted(positions), "opening records out of order")
 
     def test_exit_status_of_the_program_is_kept(self):
-        traced, _ = self.vorx_run(["/bin/sh", "-c", "exit 7"])
+        traced, _ = self.vorx_run([tool("tests", "e2e", "e2e_exit_with"), "7"])
         self.assertEqual(traced.returncode, 7, traced.stderr)
+
+
+class Processes(Workdir):
+    """A forked child is a process of the collection with files of its own."""
+
+    def test_forked_child_writes_its_own_trace(self):
+        program = tool("tests", "e2e", "e2e_fork_child")
+        traced, results = self.vorx_run([program], collect="threading")
+        self.assertEqual(traced.returncode, 0, traced.stderr)
+        self.assertEqual(sorted(traced.stdout.split("\n")), sorted("child done\nparent done\n".split("\n")))
+        pids = {os.path.basename(p).split(".")[0] for p in glob.glob(os.path.join(results, "*.trace"))}
+        self.assertEqual(len(pids), 2, os.listdir(results))
 
 
 class RealPrograms(Workdir):
