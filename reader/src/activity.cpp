@@ -107,6 +107,69 @@ std::uint64_t handle_counter(std::uint64_t domain, std::uint64_t name) { return 
 // Frames submitted after the fact are named by their domain.
 constexpr std::uint64_t kDomainName = 1ull << 63;
 
+
+// Names that create records give to ids: the name is argument 0, the id argument 1.
+struct Naming {
+  std::string_view function;
+  std::map<std::uint32_t, std::string> ProcessTrack::*names;
+};
+constexpr Naming kNamings[] = {
+    {"__ozk_frame_create", &ProcessTrack::frame_names},
+    {"__ozk_domain_create", &ProcessTrack::domain_names},
+    {"__ozk_string_handle_create", &ProcessTrack::string_names},
+    {"__ozk_event_create", &ProcessTrack::event_names},
+};
+
+// Begins and ends of slices. A begin is matched by the end on the same thread that has the same
+// kind and, where the end carries one, the same key: the frame or event id (name_arg), or the
+// task id words of the overlapped forms (match_arg). Plain task ends close the innermost task.
+struct SliceMark {
+  std::string_view function;
+  SliceKind kind;
+  bool begin;
+  const char *name_arg;  // the id the name is found by (null: none)
+  const char *match_arg; // task id words that pair an overlapped begin with its end (null: none)
+};
+constexpr SliceMark kSliceMarks[] = {
+    {"__ozk_task_begin", SliceKind::Task, true, "arg2", nullptr},
+    {"__ozk_task_begin_fn", SliceKind::Task, true, nullptr, nullptr},
+    {"__ozk_task_end", SliceKind::Task, false, nullptr, nullptr},
+    {"__ozk_task_begin_overlapped", SliceKind::Task, true, "arg3", "arg1"},
+    {"__ozk_task_end_overlapped", SliceKind::Task, false, nullptr, "arg1"},
+    {"__ozk_frame_begin", SliceKind::Frame, true, "arg0", nullptr},
+    {"__ozk_frame_end", SliceKind::Frame, false, "arg0", nullptr},
+    {"__ozk_event_start", SliceKind::Event, true, "arg0", nullptr},
+    {"__ozk_event_end", SliceKind::Event, false, "arg0", nullptr},
+};
+
+// Counter changes: the counter is argument 0 (or the domain and name handle, arguments 0 and
+// 1); the amount is 1 or the named argument.
+struct CounterChange {
+  std::string_view function;
+  bool by_handle;
+  double sign;
+  const char *amount_arg;
+  bool set;
+};
+constexpr CounterChange kCounterChanges[] = {
+    {"__ozk_counter_inc", false, 1, nullptr, false},
+    {"__ozk_counter_dec", false, -1, nullptr, false},
+    {"__ozk_counter_inc_delta", false, 1, "arg1", false},
+    {"__ozk_counter_dec_delta", false, -1, "arg1", false},
+    {"__ozk_counter_set_value", false, 1, "arg1", true},
+    {"__ozk_counter_inc_v3", true, 1, nullptr, false},
+    {"__ozk_counter_dec_v3", true, -1, nullptr, false},
+    {"__ozk_counter_inc_delta_v3", true, 1, "arg2", false},
+    {"__ozk_counter_dec_delta_v3", true, -1, "arg2", false},
+};
+
+// A key from task id words: they pair an overlapped task's begin with its end.
+std::uint64_t ids_key(const Record &r, const char *arg)
+{
+  const Field *f = r.find(arg);
+  if (!f || f->kind != Field::Kind::Bytes || f->bytes.size() < 16) return 0;
+  return ld64(f->bytes.data()) * 0x9E3779B97F4A7C15ull ^ ld64(f->bytes.data() + 8);
+}
 } // namespace
 
 std::string_view slice_kind_name(SliceKind k)
@@ -175,48 +238,45 @@ void ActivityTracker::on_annotation(std::uint32_t pid, const Record &r)
   // Points (type 9) have one time; calls of the family (type 7) count from their start.
   std::uint64_t t = r.find("time") ? num(r, "time") : num(r, "begin_time");
   ProcessTrack &p = processes_[pid];
-  auto name_into = [&](std::map<std::uint32_t, std::string> &names) { names[std::uint32_t(num(r, "arg1"))] = text(r, "arg0"); };
   if (fn == "__ozk_thread_set_name" || fn == "__internal_thread_name") threads_[{pid, tid}].name = text(r, "arg0");
-  else if (fn == "__ozk_frame_create") name_into(p.frame_names);
-  else if (fn == "__ozk_domain_create") name_into(p.domain_names);
-  else if (fn == "__ozk_string_handle_create") name_into(p.string_names);
-  else if (fn == "__ozk_event_create") name_into(p.event_names);
-  else if (fn == "__ozk_counter_create") p.counter_names[num(r, "arg2")] = {text(r, "arg0"), text(r, "arg1")};
-  else if (fn == "__ozk_counter_create_typed") p.counter_names[num(r, "arg2")] = {text(r, "arg0"), text(r, "arg1")};
-  else if (fn == "__ozk_task_begin" || fn == "__ozk_task_begin_overlapped") open_slice(pid, tid, t, SliceKind::Task, num(r, fn == "__ozk_task_begin" ? "arg2" : "arg3"), {});
-  else if (fn == "__ozk_task_begin_fn") open_slice(pid, tid, t, SliceKind::Task, 0, hex(num(r, "arg2")));
-  else if (fn == "__ozk_task_end" || fn == "__ozk_task_end_overlapped") close_slice(pid, tid, t, SliceKind::Task, std::nullopt);
-  else if (fn == "__ozk_frame_begin") open_slice(pid, tid, t, SliceKind::Frame, num(r, "arg0"), {});
-  else if (fn == "__ozk_frame_end") close_slice(pid, tid, t, SliceKind::Frame, num(r, "arg0"));
-  else if (fn == "__ozk_event_start") open_slice(pid, tid, t, SliceKind::Event, num(r, "arg0"), {});
-  else if (fn == "__ozk_event_end") close_slice(pid, tid, t, SliceKind::Event, num(r, "arg0"));
-  else if (fn == "__ozk_frame_submit_v3") {
-    Slice s;
-    s.pid = pid, s.tid = tid, s.kind = SliceKind::Frame;
-    s.begin = num(r, "arg2"), s.end = std::max(s.begin, num(r, "arg3"));
-    s.name_key = kDomainName | num(r, "arg0");
-    threads_[{pid, tid}].slices.push_back(std::move(s));
-  } else if (fn == "__ozk_counter_inc") counter_op(pid, t, num(r, "arg0"), 1, false);
-  else if (fn == "__ozk_counter_dec") counter_op(pid, t, num(r, "arg0"), -1, false);
-  else if (fn == "__ozk_counter_inc_delta") counter_op(pid, t, num(r, "arg0"), double(num(r, "arg1")), false);
-  else if (fn == "__ozk_counter_dec_delta") counter_op(pid, t, num(r, "arg0"), -double(num(r, "arg1")), false);
-  else if (fn == "__ozk_counter_set_value") counter_op(pid, t, num(r, "arg0"), double(num(r, "arg1")), true);
-  else if (fn == "__ozk_counter_inc_v3") counter_op(pid, t, handle_counter(num(r, "arg0"), num(r, "arg1")), 1, false);
-  else if (fn == "__ozk_counter_dec_v3") counter_op(pid, t, handle_counter(num(r, "arg0"), num(r, "arg1")), -1, false);
-  else if (fn == "__ozk_counter_inc_delta_v3")
-    counter_op(pid, t, handle_counter(num(r, "arg0"), num(r, "arg1")), double(num(r, "arg2")), false);
-  else if (fn == "__ozk_counter_dec_delta_v3")
-    counter_op(pid, t, handle_counter(num(r, "arg0"), num(r, "arg1")), -double(num(r, "arg2")), false);
+  else if (fn == "__ozk_counter_create" || fn == "__ozk_counter_create_typed")
+    p.counter_names[num(r, "arg2")] = {text(r, "arg0"), text(r, "arg1")};
+  else if (fn == "__ozk_frame_submit_v3") submitted_frame(pid, tid, r);
+  for (const Naming &n : kNamings)
+    if (n.function == fn) (p.*n.names)[std::uint32_t(num(r, "arg1"))] = text(r, "arg0");
+  for (const SliceMark &m : kSliceMarks) {
+    if (m.function != fn) continue;
+    std::uint64_t match = m.match_arg ? ids_key(r, m.match_arg) : m.name_arg ? num(r, m.name_arg) : 0;
+    if (!m.begin) close_slice(pid, tid, t, m.kind, m.match_arg || m.name_arg ? std::optional(match) : std::nullopt);
+    else if (fn == "__ozk_task_begin_fn") open_slice(pid, tid, t, m.kind, match, 0, hex(num(r, "arg2")));
+    else open_slice(pid, tid, t, m.kind, match, num(r, m.name_arg), {});
+  }
+  for (const CounterChange &c : kCounterChanges) {
+    if (c.function != fn) continue;
+    std::uint64_t counter = c.by_handle ? handle_counter(num(r, "arg0"), num(r, "arg1")) : num(r, "arg0");
+    double amount = c.amount_arg ? double(num(r, c.amount_arg)) : 1;
+    counter_op(pid, t, counter, c.sign * amount, c.set);
+  }
 }
 
-void ActivityTracker::open_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::uint64_t key,
-                                 std::string name)
+// A frame reported after the fact, from its begin to its end, named by its domain.
+void ActivityTracker::submitted_frame(std::uint32_t pid, std::uint32_t tid, const Record &r)
+{
+  Slice s;
+  s.pid = pid, s.tid = tid, s.kind = SliceKind::Frame;
+  s.begin = num(r, "arg2"), s.end = std::max(s.begin, num(r, "arg3"));
+  s.name_key = kDomainName | num(r, "arg0");
+  threads_[{pid, tid}].slices.push_back(std::move(s));
+}
+
+void ActivityTracker::open_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::uint64_t match,
+                                 std::uint64_t name_key, std::string name)
 {
   Open o;
   o.slice.pid = pid, o.slice.tid = tid, o.slice.begin = o.slice.end = t, o.slice.kind = kind;
   if (!name.empty()) o.slice.name = intern(std::move(name));
-  o.slice.name_key = key;
-  o.key = key;
+  o.slice.name_key = name_key;
+  o.key = match;
   open_[{pid, tid}].push_back(std::move(o));
 }
 
@@ -271,6 +331,7 @@ void nest_slices(std::vector<Slice> &slices)
     if (!stack.empty()) {
       const Slice &parent = slices[std::size_t(stack.back())];
       if (s.end > parent.end) {
+        s.own_end = s.clipped ? s.own_end : s.end;
         s.end = parent.end;
         s.clipped = true;
       }

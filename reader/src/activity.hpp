@@ -29,10 +29,13 @@ struct Slice {
   std::optional<std::uint64_t> bytes;  // I/O bytes or allocation size
   bool unfinished = false;             // no end in the trace: closed at the thread's last time
   bool clipped = false;                // ended after its parent: cut at the parent's end
+  std::uint64_t own_end = 0;           // clipped: where it really ended
   int depth = 0;
   int parent = -1;            // index into the thread's slices
   std::uint64_t name_key = 0; // annotations: the id the name is found by at the end
+  // As nested (what viewers show) and as it was (what the summary counts).
   std::uint64_t duration() const { return end - begin; }
+  std::uint64_t full_duration() const { return (clipped ? own_end : end) - begin; }
 };
 
 struct CounterPoint {
@@ -96,8 +99,9 @@ private:
   const CallRole &role_of(std::uint32_t id, std::string_view function);
   void on_call(std::uint32_t pid, const Record &r);
   void on_annotation(std::uint32_t pid, const Record &r);
-  void open_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::uint64_t key,
-                  std::string name);
+  void open_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::uint64_t match,
+                  std::uint64_t name_key, std::string name);
+  void submitted_frame(std::uint32_t pid, std::uint32_t tid, const Record &r);
   void close_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::optional<std::uint64_t> key);
   void counter_op(std::uint32_t pid, std::uint64_t t, std::uint64_t counter, double value, bool set);
   void resolve_names(std::uint32_t pid, ThreadTrack &t);

@@ -14,8 +14,8 @@ struct Agg {
   void add(const Slice &s)
   {
     count++;
-    total += s.duration();
-    max = std::max(max, s.duration());
+    total += s.full_duration();
+    max = std::max(max, s.full_duration());
     bytes += s.bytes.value_or(0);
   }
 };

@@ -199,7 +199,7 @@ std::string TraceParser::thread_time(const ThreadKey &key, const ThreadInfo &t) 
   std::uint64_t waited = 0;
   if (auto a = activity_.threads().find(key); a != activity_.threads().end())
     for (const Slice &s : a->second.slices)
-      if (s.kind == SliceKind::Wait) waited += s.duration();
+      if (s.kind == SliceKind::Wait) waited += s.full_duration();
   std::string text = ", " + format_seconds(double(t.last - t.first) / hz);
   if (waited)
     text += ", waiting " + format_seconds(double(waited) / hz) + " (" +

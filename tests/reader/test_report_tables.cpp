@@ -240,3 +240,35 @@ TEST(Activity, CountersByHandleAndSetValuesReplayInTimeOrder)
 }
 
 } // namespace
+
+namespace {
+
+TEST(Activity, OverlappedTasksPairByIdAndKeepTheirDurationInTheSummary)
+{
+  TraceBuilder b;
+  std::uint64_t a[2] = {1, 0}, c[2] = {2, 0}, none[2] = {0, 0};
+  b.note(3, 1, [](auto *r) { tf_record_apiwrap_v1_init___ozk_string_handle_create(r, "A", 11); })
+      .note(3, 1, [](auto *r) { tf_record_apiwrap_v1_init___ozk_string_handle_create(r, "B", 12); })
+      .mark(3, 10, [&](auto *r) { tf_record_apiwrap_v2_init___ozk_task_begin_overlapped(r, 1, a, none, 11); })
+      .mark(3, 20, [&](auto *r) { tf_record_apiwrap_v2_init___ozk_task_begin_overlapped(r, 1, c, none, 12); })
+      .mark(3, 30, [&](auto *r) { tf_record_apiwrap_v2_init___ozk_task_end_overlapped(r, 1, a); })
+      .mark(3, 45, [&](auto *r) { tf_record_apiwrap_v2_init___ozk_task_end_overlapped(r, 1, c); })
+      .hardcfg(1000000000);
+  TempDir dir;
+  dir.write("1-3.0.trace", b.bytes());
+  int status = -1;
+  std::string csv = run_report({dir.path, "--csv"}, &status);
+  EXPECT_EQ(lines_of(csv, "tasks_and_frames,"), (std::vector<std::string>{
+                                                    "tasks_and_frames,3,3,task,B,1,0.000000025,0.000000025",
+                                                    "tasks_and_frames,3,3,task,A,1,0.000000020,0.000000020",
+                                                }));
+  std::string json = dir.path + "/t.json";
+  run_report({dir.path, "--chrome", json}, &status);
+  std::string text = read_text(json);
+  // B ends after A, which holds its start: the viewer gets it cut at A's end, marked.
+  EXPECT_NE(text.find(R"J("name":"B","cat":"task","ph":"X","pid":3,"tid":3,"ts":0.019,"dur":0.010,"args":{"clipped":true})J"),
+            std::string::npos)
+      << text;
+}
+
+} // namespace
