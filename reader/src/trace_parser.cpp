@@ -2,6 +2,7 @@
 
 #include "report_tables.hpp"
 
+#include <algorithm>
 #include <cinttypes>
 #include <ctime>
 
@@ -268,7 +269,11 @@ void TraceParser::print_summary(const Stats &stats, std::size_t max_rows) const
     std::fprintf(o, "time span: no time stamps\n");
   }
   if (!timesource_hz_ && first_) std::fprintf(o, "no hardware configuration record: time stamps are taken as nanoseconds\n");
-  for (const Table &t : build_tables(activity_, timesource_hz_)) {
+  std::vector<Table> tables = build_tables(activity_, timesource_hz_);
+  bool empty = std::all_of(tables.begin(), tables.end(), [](const Table &t) { return t.rows.empty(); });
+  if (empty) std::fprintf(o, "\nno waits, I/O, allocations, tasks, frames or counters in the traces\n");
+  for (const Table &t : tables) {
+    if (empty) break;
     std::fprintf(o, "\n");
     print_table(o, t, max_rows);
   }
