@@ -6,7 +6,12 @@
  * clone that shares its creator's thread-local storage, so it must keep away
  * from the C library's per-thread heap caches.
  */
-#include <errno.h>
+
+/* These calls run in the collector, whose errno is not to be read (it is the
+ * application's business, and the tool's own is unreachable from here). An
+ * interrupted send or receive is therefore simply tried again a few times; a
+ * real failure fails again. connect and accept run with all signals blocked. */
+#define COMM_SYSCALL_TRIES 4
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -86,9 +91,10 @@ static vorx_er_t unix_build_address(const char *domain, uint32_t id, comm_addres
 static vorx_er_t send_all(int fd, const void *bytes, size_t length)
 {
     ssize_t sent;
+    int tries = COMM_SYSCALL_TRIES;
     do {
         sent = send(fd, bytes, length, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
+    } while (sent < 0 && --tries > 0);
     return sent == (ssize_t)length ? vorx_er_success : vorx_er_connection_failure;
 }
 
@@ -108,11 +114,12 @@ static vorx_er_t unix_send(comm_client *client, const void *bytes, uint32_t leng
 static vorx_er_t recv_all(int fd, void *buffer, size_t length)
 {
     size_t done = 0;
+    int tries = COMM_SYSCALL_TRIES;
     while (done < length) {
         ssize_t got = recv(fd, (char *)buffer + done, length - done, 0);
         if (got > 0)
             done += (size_t)got;
-        else if (got == 0 || errno != EINTR)
+        else if (got == 0 || --tries == 0)
             return vorx_er_connection_failure;
     }
     return vorx_er_success;
@@ -191,9 +198,7 @@ vorx_er_t comm_client_connect(comm_client *client, const char *domain, uint32_t 
     sigset_t saved;
     block_all_signals(&saved);
     int result;
-    do {
-        result = connect(fd, (const struct sockaddr *)address.u.bytes, address.length);
-    } while (result != 0 && errno == EINTR);
+    result = connect(fd, (const struct sockaddr *)address.u.bytes, address.length);
     restore_signals(&saved);
     if (result != 0) {
         close(fd);
@@ -239,9 +244,7 @@ static vorx_er_t unix_wait_client(comm_server *server, comm_client *out_client)
     sigset_t saved;
     block_all_signals(&saved);
     int fd;
-    do {
-        fd = accept(server->socket, NULL, NULL);
-    } while (fd < 0 && errno == EINTR);
+    fd = accept(server->socket, NULL, NULL);
     restore_signals(&saved);
     if (fd < 0)
         return vorx_er_connection_failure;
