@@ -204,11 +204,11 @@ public:
       bytes("args", cur_.take_bytes(cur_.left()), 1);
       return true;
     }
-    std::string_view spec = out_.api->args;
-    for (unsigned i = 0; !spec.empty(); i++) {
-      std::size_t comma = spec.find(',');
-      std::string_view a = spec.substr(0, comma);
-      spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+    std::string_view layout = out_.api->args;
+    for (unsigned i = 0; !layout.empty(); i++) {
+      std::size_t comma = layout.find(',');
+      std::string_view a = layout.substr(0, comma);
+      layout = comma == std::string_view::npos ? std::string_view() : layout.substr(comma + 1);
       std::string_view name = kArgNames[i < kArgNames.size() ? i : kArgNames.size() - 1];
       if (!arg(a, name)) return false;
     }
