@@ -30,6 +30,9 @@ extern vorx_callback_table g_vorx_ss_cbks; /* "ss_filter": stacks at call points
 extern const vorx_callback_t g_vorx_tp_cbks_generated[VORX_CALLBACK_ENTRIES];
 extern const vorx_callback_t g_vorx_ss_cbks_generated[VORX_CALLBACK_ENTRIES];
 
+/* Runs entry `index` of every linked table. */
+void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data);
+
 /* Applies the filter of collection_types (bitmap words of the configuration) to the table and links it
  * into the directory; 1 linked, 0 left out because no id of it is active. */
 vorx_u32_t vorx_register_callbacks(vorx_callback_table* table, const vorx_u32_t* collection_types);
