@@ -215,6 +215,13 @@ class Tail:
     def __init__(self, fn):
         self.fn, self.fixed, self.texts, self.stmts = fn, 0, [], []
 
+    def param_type(self, placeholder):
+        name = placeholder.strip("{}")
+        for ctype, pname in self.fn.params:
+            if pname == name:
+                return ctype.replace(" ", "")
+        return ""
+
     def expand(self, expr):
         expr = expr.replace("{ret}", "p.__result")
         return re.sub(r"\{([A-Za-z_0-9]+)\}", r"p.__\1", expr)
@@ -238,10 +245,17 @@ class Tail:
         elif item.startswith("ids"):
             # an identifier of two (ids:) or three (ids3:) words, passed as the address of the caller's words
             words = 3 if item.startswith("ids3:") else 2
-            value = self.expand(item.split(":", 1)[1])
+            param = item.split(":", 1)[1]
+            value = self.expand(param)
             self.stmts.append(f"n += vorx_cbk_u32(t + n, {words}u);")
-            for w in range(words):
-                self.stmts.append(f"n += vorx_cbk_u64(t + n, vorx_cbk_id_word({value}, {w}));")
+            if self.param_type(param).endswith("*"):
+                # the description passes the id as one word: it is recorded as it came, never followed
+                self.stmts.append(f"n += vorx_cbk_u64(t + n, (uint64_t)(uintptr_t)({value}));")
+                for w in range(1, words):
+                    self.stmts.append("n += vorx_cbk_u64(t + n, 0);")
+            else:
+                for w in range(words):
+                    self.stmts.append(f"n += vorx_cbk_u64(t + n, {value}.words[{w}]);")
             self.fixed += 4 + 8 * words
         elif item.startswith("product:"):
             # an element count times an element size: an overflow is the caller's contract broken
@@ -319,9 +333,15 @@ def emit_callback(out, fn, form, version, items, order):
     out.append("  vorx_workspace* wsp = static_cast<vorx_workspace*>(w);")
     if items:
         out.append(f"  const auto& p = data->params.u_{fn.cname};")
-        size = f"{1 + tail.fixed}u" + "".join(f" + vorx_cbk_text_size((const char*)({t}))" for t in tail.texts)
-        cap = 1 + tail.fixed + 8194 * len(tail.texts)
-        out.append(f"  uint8_t t[{cap}];")
+        if tail.texts:
+            # texts are measured first: the block on the stack is exactly as long as the record's values
+            size = f"{1 + tail.fixed}u" + "".join(f" + vorx_cbk_text_size((const char*)({t}))" for t in tail.texts)
+            out.append(f"  const uint32_t size = {size};")
+            out.append("  uint8_t* t = static_cast<uint8_t*>(__builtin_alloca(size));")
+            size = "size"
+        else:
+            size = f"{1 + tail.fixed}u"
+            out.append(f"  uint8_t t[{1 + tail.fixed}];")
         out.append(f"  uint32_t n = vorx_cbk_u8(t, {version});")
         out.extend("  " + s for s in tail.stmts)
         out.append(f"  VORX_ASSERT(n == {size});")
@@ -349,10 +369,6 @@ def generate(functions):
            '#include "vorx_log.h"',
            "",
            "namespace {",
-           "// The id words of an ozk_id handed over by its address; none for a null one.",
-           "inline uint64_t vorx_cbk_id_word(const void* id, unsigned i) {",
-           "  return id ? static_cast<const uint64_t*>(id)[i] : 0;",
-           "}",
            "// Lengths of mappings are reported in pages.",
            "inline uint32_t vorx_cbk_pages(uint64_t bytes) {",
            "  uint64_t page = sal_get_page_size();",
