@@ -294,13 +294,14 @@ def write_table(desc, layout, out):
     idx = layout.module_index()
     lists = layout.descriptor_lists()
     L = [banner(desc.path), '#include "vorx_probe_table.h"', '']
-    # wrappers are declared with an untyped prototype: the table only stores their addresses
+    # wrappers are declared with an untyped prototype: the table only stores their addresses. They are
+    # weak, so that programs which link the table without the collector's wrappers see null probes.
     wrapped = [fn for fn in fns if fn.wrapped]
     L.append('#if VORX_WITH_WRAPPERS')
     for fn in wrapped:
         for m in range(len(layout.modules[fn.id])):
             for v in range(fn.versions):
-                L.append('extern void %s(void);' % wrapper_name(fn, m, v))
+                L.append('extern void %s(void) __attribute__((weak));' % wrapper_name(fn, m, v))
     L.append('#define VORX_WRAPPER(name) ((void*)&name)')
     L.append('#else')
     L.append('#define VORX_WRAPPER(name) ((void*)0)')

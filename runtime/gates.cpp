@@ -18,6 +18,7 @@
 #include "engine_callbacks.h"
 #include "vorx_init.h"
 #include "module_probing.h"
+#include "vorx_probe_table.h"
 #include "vorx_log.h"
 
 using namespace LEVEL_KELCLIENT;
@@ -96,6 +97,17 @@ void notify_pthread_linked(uint32_t init_type) {
   vorx_init_cancel_signal_handler();
 }
 
+// Since glibc 2.34 the thread library lives in libc itself and no
+// libpthread.so is loaded or initialised: once libc is initialised, the
+// collector's thread-specific data must go through the application's keys,
+// or every thread would see the main thread's workspace.
+void announce_thread_library_in_libc(uint32_t init_type) {
+  if (g_instr_global.is_libpthread_so_loaded || g_pthread_load_mode != vorx_deepbind_pthread_mode_unavailable) return;
+  if (!vorx_head_row(vorx_pi_pthread_key_create)->trampoline) return;
+  vorx_deepbind_notify_on_pthread_loaded(init_type, vorx_deepbind_pthread_mode_dynamic);
+  vorx_init_cancel_signal_handler();
+}
+
 }  // namespace
 
 extern "C" void vorx_abort_on_improperly_linked_exe(vorx_start_data *data) {
@@ -121,6 +133,7 @@ extern "C" void vorx_libc_init(int argc, char **argv, char **envp, vorx_init_rou
   original(argc, argv, envp);
   if (g_instr_global.is_libc_so_initialized) return;
   g_instr_global.is_libc_so_initialized = true;
+  announce_thread_library_in_libc(data->init_type);
   uint32_t linked = vorx_pthread_linked_to_exe();
   bool thread_library_ready = linked == vorx_pthr_lnk_to_exe_not_linked ||
                               (g_instr_global.is_libpthread_so_loaded && g_instr_global.is_libpthread_so_initialized);

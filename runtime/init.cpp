@@ -116,7 +116,7 @@ extern "C" void vorx_create(void) {
   VORX_ASSERT(g_vorx_tmu_creator == nullptr);
   g_vorx_tmu_creator = vorx_tmu_creator_alloc(0);
   VORX_ASSERT(g_vorx_tmu_creator != nullptr);
-  vorx_tmu_creator_set_state(g_vorx_tmu_creator, 1);
+  vorx_tmu_creator_set_state(g_vorx_tmu_creator, 0);  // units get their files
 }
 
 extern "C" void vorx_init_logging(void) {

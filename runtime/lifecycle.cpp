@@ -51,6 +51,7 @@ extern "C" void vorx_wait_for_detach_completion(void) {
 // ---------------------------------------------------------------- detach
 
 extern "C" void vorx_detach_runtime(void) {
+  vorx_log(vorx_log_level_trace, "vorx_detach_runtime(): the collection ends ...");
   vorx_thread_manager_unregister(g_vorx_thread_manager, sal_thread_id(), nullptr);
   vorx_thread_manager_complete_threads(g_vorx_thread_manager);
 }
@@ -61,11 +62,15 @@ extern "C" void vorx_remove_probes(void) {
 }
 
 extern "C" void vorx_finalize_per_process_trace(vorx_tmu_t *unit) {
-  if (unit) unit->spill(unit);
+  if (!unit) return;
+  int spilled = unit->spill(unit);
+  vorx_log(vorx_log_level_trace, "vorx_finalize_per_process_trace(): unit %p spilled: %d", static_cast<void *>(unit),
+           spilled);
 }
 
 extern "C" vorx_u32_t vorx_detach(void *global) {
   auto *wsp = static_cast<vorx_workspace *>(global);
+  vorx_log(vorx_log_level_trace, "vorx_detach(): closing the process's traces ...");
   vorx_set_ctrl_c_handler(1);
   VORX_ASSERT(g_vorx_is_rtl_initialized == 1);
   g_vorx_is_rtl_initialized = 0;
@@ -78,6 +83,7 @@ extern "C" vorx_u32_t vorx_detach(void *global) {
     report_client_failure("on detaching from the collection");
   vorx_reset_process_trace_counter();
   vorx_set_ctrl_c_handler(0);
+  vorx_log(vorx_log_level_trace, "vorx_detach(): done");
   return vorx_thread_manager_op_err_ok;
 }
 

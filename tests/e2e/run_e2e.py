@@ -49,7 +49,8 @@ class Workdir(unittest.TestCase):
 class ToolEntry(Workdir):
     """The tool under the engine, without a server: the program runs untouched."""
 
-    def kel(self, *switches, program=("/bin/true",)):
+    def kel(self, *switches, program=None):
+        program = program or (tool("tests", "e2e", "e2e_exit_with"), "0")
         return run([tool("bin", "kel"), "-t", tool("lib", "libvorxtool.so"), *switches, "--", *program],
                    cwd=self.dir, timeout=60)
 
