@@ -18,6 +18,7 @@
 #include "vorx_client.h"
 #include "vorx_config.h"
 #include "engine_callbacks.h"
+#include "event_filtering.h"
 #include "vorx_init.h"
 #include "vorx_log.h"
 #include "vorx_timesource.h"
@@ -47,6 +48,11 @@ bool g_workspace_key_allocated = false;
 sal_tls_key_t g_workspace_key;
 
 uint32_t g_pthread_linked_to_exe = vorx_pthr_lnk_to_exe_unknown;
+
+void release_memory_objects() {
+  vorx_mem_obj_htable_fini(g_vorx_mem_obj_htable);
+  g_vorx_mem_obj_htable = nullptr;
+}
 
 bool has_collection(uint32_t collection) {
   const vorx_configuration *conf = g_vorx_conf;
@@ -320,6 +326,7 @@ extern "C" void vorx_attach(void *global) {
   int saved_errno = keep_errno ? vorx_app_errno() : 0;
   VORX_ASSERT(g_vorx_is_rtl_initialized == 0);
 
+  if (has_collection(vorx_cl_memory)) vorx_mem_obj_htable_init(conf, &g_vorx_mem_obj_htable);
   vorx_init_stack_walk();
   vorx_put_initial_process_records(vorx_global_process_tmu(global));
   vorx_init_runtime();
@@ -358,6 +365,7 @@ extern "C" void vorx_abort(void *global) {
   g_vorx_module_map = nullptr;
   vorx_unlink_callback_tables();
   vorx_reset_process_trace_counter();
+  release_memory_objects();
   if (global) vorx_thread_manager_unlock_global(g_vorx_thread_manager);
   vorx_set_ctrl_c_handler(0);
 }
