@@ -15,8 +15,13 @@ static int zlib_set_buffer(xl_compressor_t *c, const void *input, vorx_u32_t len
   return 0;
 }
 
-/* One call with Z_FINISH: the whole buffer becomes one complete stream. */
-static int zlib_deflate(xl_compressor_t *c, void **output, vorx_u32_t *length)
+/* One pass of zlib over the compressor's input: deflate with Z_FINISH makes the
+ * whole buffer one complete stream, inflate with Z_SYNC_FLUSH takes one such
+ * stream back. The output goes to the caller's buffer, or to the compressor's own
+ * when *output is null. 0 on a complete stream, -2 when the output was too
+ * small, -1 on an error; the stream is reset in every case. */
+static int zlib_pass(xl_compressor_t *c, void **output, vorx_u32_t *length, int (*step)(z_streamp, int), int flush,
+                     int (*reset)(z_streamp))
 {
   int own = *output == NULL;
   z_stream *z = &c->stream;
@@ -25,35 +30,25 @@ static int zlib_deflate(xl_compressor_t *c, void **output, vorx_u32_t *length)
   z->next_out = own ? c->output : (Bytef *)*output;
   z->avail_out = own ? c->output_size : *length;
   vorx_u32_t room = z->avail_out;
-  int rc = deflate(z, Z_FINISH);
+  int rc = step(z, flush);
   *length = room - z->avail_out;
   if (rc == Z_STREAM_END) {
-    if (deflateReset(z) != Z_OK) return -1;
+    if (reset(z) != Z_OK) return -1;
     if (own) *output = c->output;
     return 0;
   }
-  deflateReset(z);
+  reset(z);
   return rc == Z_OK ? -2 : -1;
+}
+
+static int zlib_deflate(xl_compressor_t *c, void **output, vorx_u32_t *length)
+{
+  return zlib_pass(c, output, length, deflate, Z_FINISH, deflateReset);
 }
 
 static int zlib_inflate(xl_compressor_t *c, void **output, vorx_u32_t *length)
 {
-  int own = *output == NULL;
-  z_stream *z = &c->stream;
-  z->next_in = (Bytef *)c->input;
-  z->avail_in = c->input_length;
-  z->next_out = own ? c->output : (Bytef *)*output;
-  z->avail_out = own ? c->output_size : *length;
-  vorx_u32_t room = z->avail_out;
-  int rc = inflate(z, Z_SYNC_FLUSH);
-  *length = room - z->avail_out;
-  if (rc == Z_STREAM_END) {
-    if (inflateReset(z) != Z_OK) return -1;
-    if (own) *output = c->output;
-    return 0;
-  }
-  inflateReset(z);
-  return rc == Z_OK ? -2 : -1;
+  return zlib_pass(c, output, length, inflate, Z_SYNC_FLUSH, inflateReset);
 }
 
 static void zlib_destroy_deflate(xl_compressor_t *c)
