@@ -1,0 +1,32 @@
+#!/bin/bash
+# The collector's overhead: hot calls natively and under `vorx run`, and the
+# slowdown of pigz compressing a fixed file under -c threading,io.
+#   run_bench.sh <build dir>
+set -eu
+build=${1:-build}
+vorx=$build/bin/vorx
+hot=$build/bench/runtime/vorx_bench_hot_calls
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+echo "hot calls (ns per operation): native, then under vorx run -c threading,io,memory"
+"$hot" > "$work/native"
+"$vorx" run -c threading,io,memory -r "$work/r1" -- "$hot" > "$work/traced" 2>/dev/null
+join "$work/native" "$work/traced" | awk '{ printf "  %-22s %8.1f %8.1f  (+%.1f)\n", $1, $2, $3, $3 - $2 }'
+
+head -c 16000000 /dev/urandom > "$work/data"
+# best of three wall times, in milliseconds
+best_ms() {
+  local best=""
+  for _ in 1 2 3; do
+    local t0 t1
+    t0=$(date +%s%N); "$@" > /dev/null 2>&1; t1=$(date +%s%N)
+    local ms=$(( (t1 - t0) / 1000000 ))
+    if [ -z "$best" ] || [ "$ms" -lt "$best" ]; then best=$ms; fi
+  done
+  echo "$best"
+}
+native=$(best_ms /usr/bin/pigz -p 2 -c "$work/data")
+traced=$(best_ms "$vorx" run -c threading,io -r "$work/r2.$RANDOM" -- /usr/bin/pigz -p 2 -c "$work/data")
+echo "pigz -p 2 on 16 MB: native ${native} ms, under vorx run -c threading,io ${traced} ms" \
+     "(slowdown $(awk -v a="$native" -v b="$traced" 'BEGIN { printf "%.2fx", b / a }'))"
