@@ -1,0 +1,242 @@
+/* Checks, from inside the traced program, that the wrapped calls behave as they do natively:
+ * interrupted reads, poll timeouts, errno after failures, cancellation inside a condition wait.
+ * Each case prints "PASS <case>" or "FAIL <case>: <why>"; the exit status is the number of FAILs.
+ * Cases that feed the report checks (contention, private lock, fread) print what the report
+ * must agree with. Usage: wrapped_calls <case>... ("fread" takes the file to read next). */
+#define _GNU_SOURCE
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+static int failures;
+
+static void verdict(const char* name, int ok, const char* why) {
+  if (ok) {
+    printf("PASS %s\n", name);
+  } else {
+    printf("FAIL %s: %s\n", name, why);
+    ++failures;
+  }
+}
+
+static double now_s(void) {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ts.tv_sec + ts.tv_nsec / 1e9;
+}
+
+static volatile sig_atomic_t alarms;
+static void on_alarm(int sig) {
+  (void)sig;
+  ++alarms;
+}
+
+/* The handler is installed without SA_RESTART, so the kernel must end the read with EINTR
+ * and the wrapper must hand that back rather than retry. */
+static void case_eintr(void) {
+  int fds[2];
+  char byte;
+  struct sigaction sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_handler = on_alarm;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGALRM, &sa, NULL);
+  if (pipe(fds) != 0) {
+    verdict("read_eintr", 0, "pipe failed");
+    return;
+  }
+  struct itimerval timer = {{0, 0}, {0, 100000}};
+  setitimer(ITIMER_REAL, &timer, NULL);
+  errno = 0;
+  ssize_t got = read(fds[0], &byte, 1);
+  int saved = errno;
+  char why[96];
+  snprintf(why, sizeof why, "read returned %zd errno %d alarms %d", got, saved, (int)alarms);
+  verdict("read_eintr", got == -1 && saved == EINTR && alarms == 1, why);
+  close(fds[0]);
+  close(fds[1]);
+}
+
+static void case_poll(void) {
+  int fds[2];
+  if (pipe(fds) != 0) {
+    verdict("poll_timeout", 0, "pipe failed");
+    return;
+  }
+  struct pollfd pfd = {fds[0], POLLIN, 0};
+  double start = now_s();
+  int rc = poll(&pfd, 1, 1000);
+  double ms = (now_s() - start) * 1000.0;
+  char why[96];
+  snprintf(why, sizeof why, "poll returned %d after %.1f ms", rc, ms);
+  verdict("poll_timeout", rc == 0 && ms >= 900.0 && ms <= 1500.0, why);
+  close(fds[0]);
+  close(fds[1]);
+}
+
+/* The errno values are printed too, so the test compares them with a native run's. */
+static void case_errno(void) {
+  char why[96];
+  errno = 0;
+  int fd = open("/nonexistent-vorx-e2e/missing", O_RDONLY);
+  int e_open = errno;
+  printf("errno open %d %d\n", fd, e_open);
+  snprintf(why, sizeof why, "open returned %d errno %d", fd, e_open);
+  verdict("errno_open_enoent", fd == -1 && e_open == ENOENT, why);
+
+  errno = 0;
+  int rc = close(-1);
+  int e_close = errno;
+  printf("errno close %d %d\n", rc, e_close);
+  snprintf(why, sizeof why, "close returned %d errno %d", rc, e_close);
+  verdict("errno_close_ebadf", rc == -1 && e_close == EBADF, why);
+
+  int fds[2];
+  signal(SIGPIPE, SIG_IGN);
+  if (pipe(fds) != 0) {
+    verdict("errno_write_epipe", 0, "pipe failed");
+    return;
+  }
+  close(fds[0]);
+  errno = 0;
+  ssize_t wrote = write(fds[1], "x", 1);
+  int e_write = errno;
+  printf("errno write %zd %d\n", wrote, e_write);
+  snprintf(why, sizeof why, "write returned %zd errno %d", wrote, e_write);
+  verdict("errno_write_epipe", wrote == -1 && e_write == EPIPE, why);
+  close(fds[1]);
+}
+
+/* Only stdio touches the file here: the report must show the fread, not the read beneath it. */
+static void case_fread(const char* path) {
+  FILE* f = fopen(path, "rb");
+  if (!f) {
+    verdict("fread", 0, "fopen failed");
+    return;
+  }
+  static char buffer[1 << 16];
+  size_t got = fread(buffer, 1, sizeof buffer, f);
+  fclose(f);
+  printf("fread bytes %zu\n", got);
+  verdict("fread", got > 0, "fread read nothing");
+}
+
+static pthread_mutex_t cancel_lock = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t cancel_cond = PTHREAD_COND_INITIALIZER;
+static sem_t waiter_ready;
+
+static void unlock_on_cancel(void* lock) { pthread_mutex_unlock(lock); }
+
+static void* cond_waiter(void* unused) {
+  (void)unused;
+  pthread_mutex_lock(&cancel_lock);
+  pthread_cleanup_push(unlock_on_cancel, &cancel_lock);
+  sem_post(&waiter_ready);
+  for (;;) pthread_cond_wait(&cancel_cond, &cancel_lock);
+  pthread_cleanup_pop(1);
+  return NULL;
+}
+
+/* The collector's bookkeeping around the wait must not survive the thread's unwinding:
+ * the mutex must come back usable and the program must finish. */
+static void case_cancel(void) {
+  pthread_t thread;
+  void* result = NULL;
+  sem_init(&waiter_ready, 0, 0);
+  pthread_create(&thread, NULL, cond_waiter, NULL);
+  sem_wait(&waiter_ready);
+  usleep(50000);
+  pthread_cancel(thread);
+  int rc = pthread_join(thread, &result);
+  verdict("cancel_in_cond_wait", rc == 0 && result == PTHREAD_CANCELED, "join did not see the cancellation");
+  int relock = pthread_mutex_trylock(&cancel_lock);
+  verdict("cancel_mutex_released", relock == 0, "the cleanup handler did not release the mutex");
+  if (relock == 0) pthread_mutex_unlock(&cancel_lock);
+}
+
+enum { ROUNDS = 20, HOLD_US = 5000 };
+static pthread_mutex_t contended = PTHREAD_MUTEX_INITIALIZER;
+static sem_t held, taken;
+static double waited_s, slept_s;
+/* Rounds the holder has finished; the taker reads it to know whether its lock call will block
+ * (on a loaded machine the taker may wake only after the holder let go). */
+static volatile int released;
+static int blocked;
+
+static void* holder(void* unused) {
+  (void)unused;
+  for (int i = 0; i < ROUNDS; ++i) {
+    pthread_mutex_lock(&contended);
+    sem_post(&held);
+    double start = now_s();
+    usleep(HOLD_US);
+    slept_s += now_s() - start;
+    __atomic_store_n(&released, i + 1, __ATOMIC_SEQ_CST);
+    pthread_mutex_unlock(&contended);
+    sem_wait(&taken);
+  }
+  return NULL;
+}
+
+static void* taker(void* unused) {
+  (void)unused;
+  for (int i = 0; i < ROUNDS; ++i) {
+    sem_wait(&held);
+    if (__atomic_load_n(&released, __ATOMIC_SEQ_CST) <= i) ++blocked;
+    double start = now_s();
+    pthread_mutex_lock(&contended);
+    waited_s += now_s() - start;
+    pthread_mutex_unlock(&contended);
+    sem_post(&taken);
+  }
+  return NULL;
+}
+
+/* One thread holds the mutex for a known sleep while the other blocks on it, ROUNDS times. */
+static void case_contention(void) {
+  pthread_t a, b;
+  sem_init(&held, 0, 0);
+  sem_init(&taken, 0, 0);
+  pthread_create(&a, NULL, holder, NULL);
+  pthread_create(&b, NULL, taker, NULL);
+  pthread_join(a, NULL);
+  pthread_join(b, NULL);
+  printf("contended %p waited %.6f slept %.6f blocked %d\n", (void*)&contended, waited_s, slept_s, blocked);
+  verdict("contention", waited_s > 0.0, "the taker never waited");
+}
+
+/* A mutex only one thread ever takes: never contended. */
+static void case_private(void) {
+  static pthread_mutex_t alone = PTHREAD_MUTEX_INITIALIZER;
+  for (int i = 0; i < 1000; ++i) {
+    pthread_mutex_lock(&alone);
+    pthread_mutex_unlock(&alone);
+  }
+  printf("private %p\n", (void*)&alone);
+  verdict("private", 1, "");
+}
+
+int main(int argc, char** argv) {
+  setvbuf(stdout, NULL, _IOLBF, 0);
+  for (int i = 1; i < argc; ++i) {
+    const char* which = argv[i];
+    if (strcmp(which, "eintr") == 0) case_eintr();
+    else if (strcmp(which, "poll") == 0) case_poll();
+    else if (strcmp(which, "errno") == 0) case_errno();
+    else if (strcmp(which, "cancel") == 0) case_cancel();
+    else if (strcmp(which, "contention") == 0) case_contention();
+    else if (strcmp(which, "private") == 0) case_private();
+    else if (strcmp(which, "fread") == 0 && i + 1 < argc) case_fread(argv[++i]);
+    else verdict(which, 0, "no such case");
+  }
+  return failures;
+}
