@@ -104,11 +104,12 @@ class WrappedCallsFromInside(Traced):
         self.assertTrue(output.count("PASS") > 0, output)
 
     def test_interrupts_timeouts_errno_and_cancellation(self):
-        native, traced, results = self.run_both(self.program("eintr", "poll", "errno", "cancel"))
+        native, traced, results = self.run_both(self.program("eintr", "poll", "errno", "cancel", "errno_kept",
+                                                             "timeouts", "nested_signal"))
         self.assert_no_failures(native.stdout)
         self.assert_no_failures(traced.stdout)
         errnos = [line for line in traced.stdout.splitlines() if line.startswith("errno ")]
-        self.assertEqual(len(errnos), 3, traced.stdout)
+        self.assertEqual(len(errnos), 4, traced.stdout)
         self.assertEqual(errnos, [line for line in native.stdout.splitlines() if line.startswith("errno ")])
 
         tables = self.tables(results)
@@ -122,6 +123,10 @@ class WrappedCallsFromInside(Traced):
                       and row["thread"].split()[0] != row["pid"]]
         self.assertEqual(len(cond_waits), 1, waits)
         self.assertGreaterEqual(float(cond_waits[0]["total_s"]), 0.04, cond_waits)
+        # Timed waits that expired are waits of the time they lasted.
+        timed = {row["function"]: float(row["total_s"]) for row in waits}
+        self.assertGreaterEqual(timed.get("pthread_cond_timedwait", 0), 0.09, waits)
+        self.assertGreaterEqual(timed.get("sem_timedwait", 0), 0.045, waits)
 
     def test_fread_is_one_measured_call(self):
         path = os.path.join(self.dir, "input.txt")

@@ -130,6 +130,101 @@ static void case_fread(const char* path) {
   verdict("fread", got > 0, "fread read nothing");
 }
 
+/* Successful calls leave errno as the application set it: the collector's own work between the
+ * original call and the return (clocks, buffers, files) must not leak into it. */
+static void case_errno_kept(void) {
+  char why[96];
+  int fds[2];
+  if (pipe(fds) != 0) {
+    verdict("errno_kept", 0, "pipe failed");
+    return;
+  }
+  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  errno = ERANGE;
+  ssize_t wrote = write(fds[1], "ab", 2);
+  char got[2];
+  ssize_t read_back = read(fds[0], got, 2);
+  void* block = malloc(1000);
+  free(block);
+  pthread_mutex_lock(&lock);
+  pthread_mutex_unlock(&lock);
+  close(fds[0]);
+  close(fds[1]);
+  int after = errno;
+  printf("errno kept %d\n", after);
+  snprintf(why, sizeof why, "errno %d after successful calls (wrote %zd, read %zd)", after, wrote, read_back);
+  verdict("errno_kept", after == ERANGE && wrote == 2 && read_back == 2, why);
+}
+
+/* Timed waits that expire report it through their return value, after about the time asked for. */
+static void case_timeouts(void) {
+  char why[128];
+  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+  sem_t sem;
+  sem_init(&sem, 0, 0);
+  struct timespec deadline;
+
+  pthread_mutex_lock(&lock);
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_nsec += 100000000;
+  if (deadline.tv_nsec >= 1000000000) deadline.tv_sec += 1, deadline.tv_nsec -= 1000000000;
+  double start = now_s();
+  int rc = pthread_cond_timedwait(&cond, &lock, &deadline);
+  double ms = (now_s() - start) * 1000.0;
+  int owner_again = pthread_mutex_trylock(&lock);
+  pthread_mutex_unlock(&lock);
+  snprintf(why, sizeof why, "cond_timedwait returned %d after %.1f ms, relock gave %d", rc, ms, owner_again);
+  verdict("cond_timedwait_timeout", rc == ETIMEDOUT && ms >= 90.0 && ms <= 600.0 && owner_again == EBUSY, why);
+
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_nsec += 50000000;
+  if (deadline.tv_nsec >= 1000000000) deadline.tv_sec += 1, deadline.tv_nsec -= 1000000000;
+  errno = 0;
+  rc = sem_timedwait(&sem, &deadline);
+  int saved = errno;
+  snprintf(why, sizeof why, "sem_timedwait returned %d errno %d", rc, saved);
+  verdict("sem_timedwait_timeout", rc == -1 && saved == ETIMEDOUT, why);
+
+  pthread_mutex_lock(&lock);
+  rc = pthread_mutex_trylock(&lock);
+  pthread_mutex_unlock(&lock);
+  snprintf(why, sizeof why, "trylock of a held mutex returned %d", rc);
+  verdict("mutex_trylock_busy", rc == EBUSY, why);
+}
+
+static int restart_pipe[2];
+static void write_from_handler(int sig) {
+  (void)sig;
+  (void)!write(restart_pipe[1], "r", 1);
+}
+
+/* A wrapped call made by a signal handler that interrupts another wrapped call, with SA_RESTART:
+ * the outer read is restarted and returns what the handler wrote. */
+static void case_nested_signal(void) {
+  char why[96];
+  struct sigaction sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_handler = write_from_handler;
+  sa.sa_flags = SA_RESTART;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGALRM, &sa, NULL);
+  if (pipe(restart_pipe) != 0) {
+    verdict("read_restarted", 0, "pipe failed");
+    return;
+  }
+  struct itimerval timer = {{0, 0}, {0, 50000}};
+  setitimer(ITIMER_REAL, &timer, NULL);
+  char byte = 0;
+  errno = 0;
+  ssize_t got = read(restart_pipe[0], &byte, 1);
+  snprintf(why, sizeof why, "read returned %zd byte '%c' errno %d", got, byte ? byte : '?', errno);
+  verdict("read_restarted", got == 1 && byte == 'r', why);
+  close(restart_pipe[0]);
+  close(restart_pipe[1]);
+  signal(SIGALRM, SIG_DFL);
+}
+
 static pthread_mutex_t cancel_lock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t cancel_cond = PTHREAD_COND_INITIALIZER;
 static sem_t waiter_ready;
@@ -233,6 +328,9 @@ int main(int argc, char** argv) {
     else if (strcmp(which, "poll") == 0) case_poll();
     else if (strcmp(which, "errno") == 0) case_errno();
     else if (strcmp(which, "cancel") == 0) case_cancel();
+    else if (strcmp(which, "errno_kept") == 0) case_errno_kept();
+    else if (strcmp(which, "timeouts") == 0) case_timeouts();
+    else if (strcmp(which, "nested_signal") == 0) case_nested_signal();
     else if (strcmp(which, "contention") == 0) case_contention();
     else if (strcmp(which, "private") == 0) case_private();
     else if (strcmp(which, "fread") == 0 && i + 1 < argc) case_fread(argv[++i]);
