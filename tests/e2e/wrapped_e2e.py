@@ -6,6 +6,7 @@ Shares the helpers of run_e2e.py; run as: wrapped_e2e.py --build BUILD --source 
 import csv
 import os
 import re
+import shutil
 import subprocess
 import sys
 import unittest
@@ -105,7 +106,7 @@ class WrappedCallsFromInside(Traced):
 
     def test_interrupts_timeouts_errno_and_cancellation(self):
         native, traced, results = self.run_both(self.program("eintr", "poll", "errno", "cancel", "errno_kept",
-                                                             "timeouts", "nested_signal"))
+                                                             "timeouts", "nested_signal", "callbacks", "spawn"))
         self.assert_no_failures(native.stdout)
         self.assert_no_failures(traced.stdout)
         errnos = [line for line in traced.stdout.splitlines() if line.startswith("errno ")]
@@ -127,6 +128,18 @@ class WrappedCallsFromInside(Traced):
         timed = {row["function"]: float(row["total_s"]) for row in waits}
         self.assertGreaterEqual(timed.get("pthread_cond_timedwait", 0), 0.09, waits)
         self.assertGreaterEqual(timed.get("sem_timedwait", 0), 0.045, waits)
+
+    def test_thread_ending_through_pthread_exit(self):
+        program = self.program("thread_exit")
+        native = run(program, cwd=self.dir)
+        self.assert_no_failures(native.stdout)
+        for collect in ("threading", EVERY_COLLECTION):
+            with self.subTest(collect=collect):
+                traced, results = self.vorx_run(program, collect=collect)
+                self.assertEqual(traced.returncode, 0, traced.stderr)
+                self.assertEqual(traced.stdout, native.stdout)
+                self.assertNotIn("error", traced.stderr)
+                shutil.rmtree(results, ignore_errors=True)
 
     def test_fread_is_one_measured_call(self):
         path = os.path.join(self.dir, "input.txt")

@@ -13,7 +13,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <stdint.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -225,6 +227,77 @@ static void case_nested_signal(void) {
   signal(SIGALRM, SIG_DFL);
 }
 
+static volatile sig_atomic_t queued_value, queued_code;
+static void on_queued(int sig, siginfo_t* info, void* context) {
+  (void)sig;
+  (void)context;
+  queued_value = info->si_value.sival_int;
+  queued_code = info->si_code;
+}
+
+static pthread_key_t exit_key;
+static volatile int destructor_ran;
+static void key_destructor(void* value) { destructor_ran = (int)(intptr_t)value; }
+
+static void* exiting_thread(void* unused) {
+  (void)unused;
+  pthread_setspecific(exit_key, (void*)(intptr_t)77);
+  pthread_exit((void*)(intptr_t)42);
+}
+
+/* Handlers and start routines the application gives the library: the collector may stand in front of
+ * them, but the application must get its own pointers, arguments and results back. */
+static void case_callbacks(void) {
+  char why[128];
+  struct sigaction sa, old;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_sigaction = on_queued;
+  sa.sa_flags = SA_SIGINFO;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGUSR1, &sa, NULL);
+  memset(&old, 0, sizeof old);
+  sigaction(SIGUSR1, NULL, &old);
+  snprintf(why, sizeof why, "sigaction gave back %p, installed %p, flags %#x", (void*)old.sa_sigaction,
+           (void*)on_queued, (unsigned)old.sa_flags);
+  verdict("sigaction_returns_own_handler", old.sa_sigaction == on_queued && (old.sa_flags & SA_SIGINFO), why);
+
+  union sigval value = {.sival_int = 4242};
+  sigqueue(getpid(), SIGUSR1, value);
+  snprintf(why, sizeof why, "handler saw value %d code %d", (int)queued_value, (int)queued_code);
+  verdict("sigqueue_value_reaches_handler", queued_value == 4242 && queued_code == SI_QUEUE, why);
+  signal(SIGUSR1, SIG_DFL);
+
+  void (*previous)(int) = signal(SIGUSR2, on_alarm);
+  void (*mine)(int) = signal(SIGUSR2, SIG_DFL);
+  verdict("signal_returns_own_handler", previous == SIG_DFL && mine == on_alarm, "signal() gave back another handler");
+}
+
+/* A thread that ends through pthread_exit, not by returning from its start routine. */
+static void case_thread_exit(void) {
+  char why[96];
+  pthread_t thread;
+  void* result = NULL;
+  pthread_key_create(&exit_key, key_destructor);
+  pthread_create(&thread, NULL, exiting_thread, NULL);
+  pthread_join(thread, &result);
+  snprintf(why, sizeof why, "join gave %d, destructor saw %d", (int)(intptr_t)result, destructor_ran);
+  verdict("pthread_exit_value_and_destructor", result == (void*)(intptr_t)42 && destructor_ran == 77, why);
+}
+
+/* Children started through the shell: their output arrives and their status comes back. */
+static void case_spawn(void) {
+  char why[96];
+  int status = system("exit 3");
+  snprintf(why, sizeof why, "system returned %#x", status);
+  verdict("system_status", WIFEXITED(status) && WEXITSTATUS(status) == 3, why);
+  FILE* child = popen("echo from-child", "r");
+  char line[64] = "";
+  if (child && !fgets(line, sizeof line, child)) line[0] = 0;
+  int closed = child ? pclose(child) : -1;
+  snprintf(why, sizeof why, "popen read '%.20s' pclose %d", line, closed);
+  verdict("popen_output", strcmp(line, "from-child\n") == 0 && closed == 0, why);
+}
+
 static pthread_mutex_t cancel_lock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t cancel_cond = PTHREAD_COND_INITIALIZER;
 static sem_t waiter_ready;
@@ -329,6 +402,9 @@ int main(int argc, char** argv) {
     else if (strcmp(which, "errno") == 0) case_errno();
     else if (strcmp(which, "cancel") == 0) case_cancel();
     else if (strcmp(which, "errno_kept") == 0) case_errno_kept();
+    else if (strcmp(which, "callbacks") == 0) case_callbacks();
+    else if (strcmp(which, "thread_exit") == 0) case_thread_exit();
+    else if (strcmp(which, "spawn") == 0) case_spawn();
     else if (strcmp(which, "timeouts") == 0) case_timeouts();
     else if (strcmp(which, "nested_signal") == 0) case_nested_signal();
     else if (strcmp(which, "contention") == 0) case_contention();
