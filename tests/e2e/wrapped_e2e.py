@@ -106,7 +106,7 @@ class WrappedCallsFromInside(Traced):
 
     def test_interrupts_timeouts_errno_and_cancellation(self):
         native, traced, results = self.run_both(self.program("eintr", "poll", "errno", "cancel", "errno_kept",
-                                                             "timeouts", "nested_signal", "callbacks", "spawn"))
+                                                             "timeouts", "nested_signal", "callbacks", "spawn", "memory"))
         self.assert_no_failures(native.stdout)
         self.assert_no_failures(traced.stdout)
         errnos = [line for line in traced.stdout.splitlines() if line.startswith("errno ")]
@@ -124,6 +124,11 @@ class WrappedCallsFromInside(Traced):
                       and row["thread"].split()[0] != row["pid"]]
         self.assertEqual(len(cond_waits), 1, waits)
         self.assertGreaterEqual(float(cond_waits[0]["total_s"]), 0.04, cond_waits)
+        # The allocations as the program asked for them.
+        allocated = {row["function"]: row for row in tables.get("allocations", [])}
+        self.assertGreaterEqual(int(allocated.get("calloc", {}).get("bytes", 0)), 15000, allocated)  # + the library's own
+        self.assertEqual(allocated.get("posix_memalign", {}).get("bytes"), "10000", allocated)
+        self.assertGreaterEqual(int(allocated.get("realloc", {}).get("calls", 0)), 2, allocated)
         # Timed waits that expired are waits of the time they lasted.
         timed = {row["function"]: float(row["total_s"]) for row in waits}
         self.assertGreaterEqual(timed.get("pthread_cond_timedwait", 0), 0.09, waits)

@@ -6,6 +6,7 @@
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
@@ -298,6 +299,46 @@ static void case_spawn(void) {
   verdict("popen_output", strcmp(line, "from-child\n") == 0 && closed == 0, why);
 }
 
+/* The allocator's contracts through the memory wrappers: alignment, zeroing, contents kept by realloc,
+ * and failures reported the way the library reports them. */
+static void case_memory(void) {
+  char why[128];
+  void* aligned = NULL;
+  int rc = posix_memalign(&aligned, 4096, 10000);
+  void* aligned2 = aligned_alloc(256, 1024);
+  void* aligned3 = memalign(64, 3000);
+  snprintf(why, sizeof why, "posix_memalign %d %p, aligned_alloc %p, memalign %p", rc, aligned, aligned2, aligned3);
+  verdict("memory_alignment", rc == 0 && ((uintptr_t)aligned & 4095) == 0 && aligned2 &&
+          ((uintptr_t)aligned2 & 255) == 0 && aligned3 && ((uintptr_t)aligned3 & 63) == 0, why);
+  free(aligned);
+  free(aligned2);
+  free(aligned3);
+
+  unsigned char* zeroed = calloc(5000, 3);
+  int nonzero = 0;
+  for (int i = 0; i < 15000; ++i) nonzero += zeroed[i] != 0;
+  verdict("calloc_zeroed", zeroed && nonzero == 0, "calloc gave memory that is not zero");
+  free(zeroed);
+
+  unsigned char* grown = malloc(100);
+  for (int i = 0; i < 100; ++i) grown[i] = (unsigned char)i;
+  grown = realloc(grown, 1 << 20);
+  int kept = 1;
+  for (int i = 0; i < 100; ++i) kept &= grown[i] == (unsigned char)i;
+  grown = realloc(grown, 10);
+  for (int i = 0; i < 10; ++i) kept &= grown[i] == (unsigned char)i;
+  verdict("realloc_keeps_contents", kept, "realloc lost the block's contents");
+  free(grown);
+
+  errno = 0;
+  volatile size_t too_big = (size_t)-16;  /* volatile: the compiler would refuse the constant */
+  void* huge = malloc(too_big);
+  int saved = errno;
+  rc = posix_memalign(&aligned, 3, 16);
+  snprintf(why, sizeof why, "malloc(huge) %p errno %d, posix_memalign(align 3) %d", huge, saved, rc);
+  verdict("allocation_failures", huge == NULL && saved == ENOMEM && rc == EINVAL, why);
+}
+
 static pthread_mutex_t cancel_lock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t cancel_cond = PTHREAD_COND_INITIALIZER;
 static sem_t waiter_ready;
@@ -405,6 +446,7 @@ int main(int argc, char** argv) {
     else if (strcmp(which, "callbacks") == 0) case_callbacks();
     else if (strcmp(which, "thread_exit") == 0) case_thread_exit();
     else if (strcmp(which, "spawn") == 0) case_spawn();
+    else if (strcmp(which, "memory") == 0) case_memory();
     else if (strcmp(which, "timeouts") == 0) case_timeouts();
     else if (strcmp(which, "nested_signal") == 0) case_nested_signal();
     else if (strcmp(which, "contention") == 0) case_contention();
