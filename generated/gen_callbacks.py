@@ -145,6 +145,10 @@ ANNOTATIONS = {
     "__internal_set_runs_count": (1, 1, ["{count}"], (RESUMED,)),
 }
 
+class DescError(Exception):
+    pass
+
+
 RECORDED_KINDS = {"wait", "wait_retry", "event", "heap", "counted", "replaced", "event_only"}
 WIDE_TYPES = ("unsigned long long", "uint64_t")
 
@@ -243,19 +247,16 @@ class Tail:
             self.stmts.append(f"n += vorx_cbk_u32(t + n, vorx_cbk_object_id({self.expand(item[3:])}));")
             self.fixed += 4
         elif item.startswith("ids"):
-            # an identifier of two (ids:) or three (ids3:) words, passed as the address of the caller's words
+            # the first two (ids:) or all three (ids3:) words of an ozk_id, which the wrapper took by value
             words = 3 if item.startswith("ids3:") else 2
             param = item.split(":", 1)[1]
+            if self.param_type(param) != "ozk_id":
+                raise DescError(f"{self.fn.name}: {item} needs an ozk_id parameter passed by value, "
+                                f"not \"{self.param_type(param) or 'nothing'}\"; declare it \"ozk_id {param[1:-1]}\"")
             value = self.expand(param)
             self.stmts.append(f"n += vorx_cbk_u32(t + n, {words}u);")
-            if self.param_type(param).endswith("*"):
-                # the description passes the id as one word: it is recorded as it came, never followed
-                self.stmts.append(f"n += vorx_cbk_u64(t + n, (uint64_t)(uintptr_t)({value}));")
-                for w in range(1, words):
-                    self.stmts.append("n += vorx_cbk_u64(t + n, 0);")
-            else:
-                for w in range(words):
-                    self.stmts.append(f"n += vorx_cbk_u64(t + n, {value}.words[{w}]);")
+            for w in range(words):
+                self.stmts.append(f"n += vorx_cbk_u64(t + n, {value}.words[{w}]);")
             self.fixed += 4 + 8 * words
         elif item.startswith("product:"):
             # an element count times an element size: an overflow is the caller's contract broken
@@ -416,7 +417,10 @@ def generate(functions):
 def main(argv):
     if len(argv) != 3:
         sys.exit("usage: gen_callbacks.py <functions.desc> <output.cpp>")
-    text = generate(read_description(argv[1]))
+    try:
+        text = generate(read_description(argv[1]))
+    except DescError as e:
+        sys.exit(f"gen_callbacks.py: error: {argv[1]}: {e}")
     with open(argv[2], "w", encoding="utf-8") as f:
         f.write(text)
 

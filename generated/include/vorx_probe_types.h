@@ -23,6 +23,18 @@ typedef struct vorx_pmemoid {
     unsigned long long off;
 } vorx_pmemoid_t;
 
+/* An annotation task or frame id, passed by value (24 bytes): the same layout as the annotation library's
+ * ozk_id, so that a wrapper takes the caller's copy and hands it on unchanged. */
+typedef struct vorx_ozk_id {
+    unsigned long long words[3];
+} vorx_ozk_id_t;
+
+#ifdef __cplusplus
+static_assert(sizeof(vorx_ozk_id_t) == 24, "ozk_id is three 64-bit words");
+#else
+_Static_assert(sizeof(vorx_ozk_id_t) == 24, "ozk_id is three 64-bit words");
+#endif
+
 #ifdef __cplusplus
 }
 #endif

@@ -45,6 +45,7 @@ struct state_t {
     bool profile_process = true;
     bool cpu = true;
     std::vector<callback_call> callbacks;
+    vorx_probe_params_t last_params;       // the parameter record as the last callback saw it
     unsigned nested_checks = 0, pushes = 0, cleanups_pushed = 0;
     std::vector<void*> heap;               // blocks in the object table
     unsigned detaches = 0, stops = 0, profiling_blocks = 0;
@@ -123,6 +124,7 @@ inline void* head_trampoline(unsigned id) { return vorx_head_row(id)->trampoline
 inline void run_callbacks(unsigned index, wsp_t*, vorx_probe_data_t* d) {
     fake::st().callbacks.push_back({index, d->locals.last_probe_id, d->locals.enter_time, d->locals.leave_time,
                                     d->locals.stack_policy, d->locals.to_aux_tmu});
+    fake::st().last_params = d->params;
 }
 inline int update_parent_probe_params() { return 0; }
 inline void update_nested_probe_params(vorx_probe_data_t*, vorx_probe_data_t*) {}

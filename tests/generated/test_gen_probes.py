@@ -48,6 +48,18 @@ class CatalogueLayout(unittest.TestCase):
         sizes = {n: self.desc.by_name[n].args_size for n in ('sleep', 'socket', 'open', 'pmap_set', 'getchar')}
         self.assertEqual(sizes, {'sleep': 4, 'socket': 12, 'open': 10, 'pmap_set': 14, 'getchar': 0})
 
+    def test_ids_count_their_whole_size_and_pass_by_value(self):
+        sizes = {n: self.desc.by_name[n].args_size for n in (
+            '__ozk_task_begin', '__ozk_task_begin_overlapped', '__ozk_task_end_overlapped', '__ozk_frame_submit_v3',
+            '__ozk_metadata_add')}
+        self.assertEqual(sizes, {'__ozk_task_begin': 56, '__ozk_task_begin_overlapped': 56,
+                                 '__ozk_task_end_overlapped': 28, '__ozk_frame_submit_v3': 44,
+                                 '__ozk_metadata_add': 44})
+        with open(os.path.join(self.tmp.name, 'vorx_probe_params.h')) as f:
+            params = f.read()
+        self.assertIn('typedef void (*vorx___ozk_task_begin_call_t)(void* __domain, vorx_ozk_id_t __taskid, '
+                      'vorx_ozk_id_t __parentid, void* __name);', params)
+
     def test_outputs_carry_banner_and_guards(self):
         for name in os.listdir(self.tmp.name):
             with open(os.path.join(self.tmp.name, name)) as f:

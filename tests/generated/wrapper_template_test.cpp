@@ -24,6 +24,9 @@ char* vorx_getenv_mod1_ver0(const char* name);
 int vorx_socket_mod1_ver0(int domain, int type, int protocol);
 void vorx___ozk_counter_inc_mod1_ver0(void* counter);
 int vorx_sigaction_mod1_ver0(int sig, const void* act, void* oact);
+void vorx___ozk_task_begin_mod0_ver1(void* domain, vorx_ozk_id_t taskid, vorx_ozk_id_t parentid, void* name);
+void vorx___ozk_task_end_overlapped_mod0_ver0(void* domain, vorx_ozk_id_t taskid);
+int vorx___ozk_event_create_mod0_ver0(const char* name, int namelen);
 }
 
 namespace {
@@ -345,6 +348,52 @@ TEST_F(Wrappers, CountedCallsRecordUnderTheGlobalLockAndReplacedOnesFallBackToTh
     EXPECT_EQ(vorx_sigaction_mod1_ver0(10, nullptr, nullptr), 0);
     EXPECT_EQ(sigaction_calls, 1);
     EXPECT_EQ(fake::st().wsp.runtime_level, 3u);
+}
+
+struct task_args {
+    void* domain;
+    vorx_ozk_id_t taskid, parentid;
+    void* name;
+} task_seen;
+void fake_task_begin(void* domain, vorx_ozk_id_t taskid, vorx_ozk_id_t parentid, void* name) {
+    task_seen = {domain, taskid, parentid, name};
+}
+void fake_task_end_overlapped(void* domain, vorx_ozk_id_t taskid) { task_seen = {domain, taskid, {}, nullptr}; }
+int fake_event_create(const char*, int) { return 7; }
+
+bool same_id(const vorx_ozk_id_t& a, const vorx_ozk_id_t& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+// Ids are three words passed by value: each word must reach the original and the callbacks where the caller
+// put it, and the word after them (the name) must not be taken from inside an id.
+TEST_F(Wrappers, TaskIdsPassByValueToTheOriginalAndTheCallbacks) {
+    set_row(vorx_pi___ozk_task_begin, 3, 0, 1, (void*)&fake_task_begin);
+    int domain = 0, name = 0;
+    const vorx_ozk_id_t task = {{0x1111222233334444ull, 0x5555666677778888ull, 0x99990000aaaabbbbull}};
+    const vorx_ozk_id_t parent = {{1, 2, 3}};
+    vorx___ozk_task_begin_mod0_ver1(&domain, task, parent, &name);
+    EXPECT_EQ(task_seen.domain, &domain);
+    EXPECT_TRUE(same_id(task_seen.taskid, task));
+    EXPECT_TRUE(same_id(task_seen.parentid, parent));
+    EXPECT_EQ(task_seen.name, &name);
+    ASSERT_EQ(fake::st().callbacks.size(), 2u);
+    const auto& p = fake::st().last_params.u___ozk_task_begin;
+    EXPECT_TRUE(same_id(p.__taskid, task));
+    EXPECT_TRUE(same_id(p.__parentid, parent));
+    EXPECT_EQ(p.__name, &name);
+    EXPECT_EQ(vorx_head_row(vorx_pi___ozk_task_begin)->args_size, 56u) << "14 words on the stack";
+
+    set_row(vorx_pi___ozk_task_end_overlapped, 3, 0, 0, (void*)&fake_task_end_overlapped);
+    vorx___ozk_task_end_overlapped_mod0_ver0(&domain, parent);
+    EXPECT_TRUE(same_id(task_seen.taskid, parent));
+    EXPECT_EQ(vorx_head_row(vorx_pi___ozk_task_end_overlapped)->args_size, 28u);
+}
+
+TEST_F(Wrappers, EventKindsAreCreatedUnderTheGlobalLock) {
+    set_row(vorx_pi___ozk_event_create, 3, 0, 0, (void*)&fake_event_create);
+    EXPECT_EQ(vorx___ozk_event_create_mod0_ver0("draw", 4), 7);
+    EXPECT_EQ(fake::st().callbacks.size(), 2u);
+    EXPECT_EQ(fake::st().global_locks, 2u);
+    EXPECT_EQ(fake::st().callbacks[1].to_aux, 0) << "creations go to the master unit";
 }
 
 }  // namespace
