@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """The annotation API end to end: a program that annotates tasks, frames, a counter and a user
 synchronisation object runs under `vorx run`, and `vorx report` (its CSV tables and its Chrome trace) must
-show what the program did, with the names, nesting, counts, values and plausible times it used."""
+show what the program did, with the names, ids, nesting, counts, values and plausible times it used."""
 import argparse
 import csv
 import io
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -18,6 +19,7 @@ VORX = PROGRAM = None
 INNER_A_S, INNER_B_S, FRAME_S, GATE_WAIT_S = 0.030, 0.060, 0.010, 0.020
 FRAMES = 5
 COUNTER_VALUES = [7, 42, 1000, 3]
+TASK_IDS = {"outer": (0x0102030405060708, 0x1112131415161718), "inner a": (2, 0x2222), "inner b": (3, 0x3333)}
 # a loaded machine stretches sleeps, never shortens them; beyond this a time is not plausible
 SLACK_S = 2.0
 
@@ -54,6 +56,9 @@ class AnnotatedRun(unittest.TestCase):
             with open(chrome) as f:
                 data = json.load(f)
             cls.events = data["traceEvents"] if isinstance(data, dict) else data
+
+        done = run([VORX, "report", "--no-progress", "--dump", results])
+        cls.dump = done.stdout if not done.returncode else ""
 
     @classmethod
     def tearDownClass(cls):
@@ -111,6 +116,12 @@ class AnnotatedRun(unittest.TestCase):
         rows = [r for r in self.tables.get("waits_by_object", []) if r["object_name"] == "e2e gate (flag)"]
         self.assertEqual(len(rows), 1, self.tables.get("waits_by_object"))
         self.assertPlausible(float(rows[0]["total_s"]), GATE_WAIT_S, "gate wait")
+
+    def test_task_ids_reach_the_trace_word_for_word(self):
+        ids = re.findall(r"function=__ozk_task_begin .*?arg1=\[2x8\]([0-9a-f]{32})", self.dump)
+        words = [(int.from_bytes(bytes.fromhex(h[:16]), "little"), int.from_bytes(bytes.fromhex(h[16:]), "little"))
+                 for h in ids]
+        self.assertEqual(words, [TASK_IDS["outer"], TASK_IDS["inner a"], TASK_IDS["inner b"]])
 
     def test_chrome_trace_nests_the_tasks(self):
         self.assertIsNone(self.chrome_error)
