@@ -146,6 +146,15 @@ class WrappedCallsFromInside(Traced):
                 self.assertNotIn("error", traced.stderr)
                 shutil.rmtree(results, ignore_errors=True)
 
+    def test_fork_while_other_threads_are_in_wrappers(self):
+        # Two threads loop through malloc, a mutex and write while the main thread forks ten times; the
+        # program kills a child that has not exited after 5 s. Threads come and go by the hundred after it.
+        traced, results = self.vorx_run(self.program("fork_busy", "thread_churn"), collect=EVERY_COLLECTION,
+                                        timeout=200)
+        self.assertEqual(traced.returncode, 0, traced.stdout + traced.stderr)
+        self.assert_no_failures(traced.stdout)
+        self.assertIn("PASS fork_while_busy", traced.stdout)
+
     def test_fread_is_one_measured_call(self):
         path = os.path.join(self.dir, "input.txt")
         with open(path, "w") as f:

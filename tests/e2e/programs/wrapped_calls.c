@@ -339,6 +339,86 @@ static void case_memory(void) {
   verdict("allocation_failures", huge == NULL && saved == ENOMEM && rc == EINVAL, why);
 }
 
+static volatile int busy_stop;
+static void* busy_worker(void* unused) {
+  (void)unused;
+  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  int null_fd = open("/dev/null", O_WRONLY);
+  /* Bounded, so that a stuck fork cannot make these loops fill the disk with records. */
+  for (int i = 0; i < 100000 && !__atomic_load_n(&busy_stop, __ATOMIC_SEQ_CST); ++i) {
+    void* block = malloc(64);
+    pthread_mutex_lock(&lock);
+    (void)!write(null_fd, "x", 1);
+    pthread_mutex_unlock(&lock);
+    free(block);
+  }
+  close(null_fd);
+  return NULL;
+}
+
+/* Forks while other threads are inside wrapped calls: whatever the collector locked in them must
+ * not leave the child stuck. The child works through the wrappers and exits on its own. */
+static void case_fork_busy(void) {
+  char why[96];
+  pthread_t workers[2];
+  for (int i = 0; i < 2; ++i) pthread_create(&workers[i], NULL, busy_worker, NULL);
+  usleep(20000);
+  int clean = 0;
+  for (int round = 0; round < 10; ++round) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      void* block = malloc(100);
+      pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+      pthread_mutex_lock(&lock);
+      pthread_mutex_unlock(&lock);
+      int null_fd = open("/dev/null", O_WRONLY);
+      (void)!write(null_fd, block, 100);
+      close(null_fd);
+      free(block);
+      _exit(5);
+    }
+    /* A child stuck in the collector's fork handling is killed after 5 s and counts as not clean. */
+    int status = 0;
+    double deadline = now_s() + 5.0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+      if (now_s() > deadline) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        break;
+      }
+      usleep(10000);
+    }
+    clean += WIFEXITED(status) && WEXITSTATUS(status) == 5;
+  }
+  __atomic_store_n(&busy_stop, 1, __ATOMIC_SEQ_CST);
+  for (int i = 0; i < 2; ++i) pthread_join(workers[i], NULL);
+  snprintf(why, sizeof why, "%d of 10 children exited cleanly", clean);
+  verdict("fork_while_busy", clean == 10, why);
+}
+
+static void* short_lived(void* arg) {
+  void* block = malloc(32);
+  free(block);
+  return arg;
+}
+
+/* Many threads one after the other and a few at a time: thread ids come back, results must not mix. */
+static void case_thread_churn(void) {
+  char why[96];
+  int wrong = 0;
+  for (int round = 0; round < 100; ++round) {
+    pthread_t threads[4];
+    for (int i = 0; i < 4; ++i) pthread_create(&threads[i], NULL, short_lived, (void*)(intptr_t)(round * 4 + i));
+    for (int i = 0; i < 4; ++i) {
+      void* result = NULL;
+      pthread_join(threads[i], &result);
+      wrong += result != (void*)(intptr_t)(round * 4 + i);
+    }
+  }
+  snprintf(why, sizeof why, "%d of 400 joins gave another thread's result", wrong);
+  verdict("thread_churn", wrong == 0, why);
+}
+
 static pthread_mutex_t cancel_lock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t cancel_cond = PTHREAD_COND_INITIALIZER;
 static sem_t waiter_ready;
@@ -447,6 +527,8 @@ int main(int argc, char** argv) {
     else if (strcmp(which, "thread_exit") == 0) case_thread_exit();
     else if (strcmp(which, "spawn") == 0) case_spawn();
     else if (strcmp(which, "memory") == 0) case_memory();
+    else if (strcmp(which, "fork_busy") == 0) case_fork_busy();
+    else if (strcmp(which, "thread_churn") == 0) case_thread_churn();
     else if (strcmp(which, "timeouts") == 0) case_timeouts();
     else if (strcmp(which, "nested_signal") == 0) case_nested_signal();
     else if (strcmp(which, "contention") == 0) case_contention();
