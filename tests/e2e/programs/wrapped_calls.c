@@ -15,7 +15,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <stdint.h>
+#include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -419,6 +421,56 @@ static void case_thread_churn(void) {
   verdict("thread_churn", wrong == 0, why);
 }
 
+/* Positioned, vectored and socket I/O: data, offsets and errors as the kernel gives them. */
+static void case_vector_io(void) {
+  char why[128];
+  char path[] = "/tmp/vorx-e2e-XXXXXX";
+  int fd = mkstemp(path);
+  unlink(path);
+  struct iovec out[2] = {{"hello ", 6}, {"vectors", 7}};
+  ssize_t wrote = writev(fd, out, 2);
+  ssize_t pwrote = pwrite(fd, "V", 1, 6);
+  off_t position = lseek(fd, 0, SEEK_CUR);
+  char a[6] = "", b[8] = "";
+  struct iovec in[2] = {{a, 6}, {b, 7}};
+  ssize_t pread_n = pread(fd, b, 7, 6);
+  lseek(fd, 0, SEEK_SET);
+  ssize_t read_n = readv(fd, in, 2);
+  snprintf(why, sizeof why, "writev %zd pwrite %zd pos %ld pread %zd readv %zd '%.6s%.7s'", wrote, pwrote,
+           (long)position, pread_n, read_n, a, b);
+  verdict("vectored_and_positioned_io", wrote == 13 && pwrote == 1 && position == 13 && pread_n == 7 &&
+          read_n == 13 && memcmp(a, "hello ", 6) == 0 && memcmp(b, "Vectors", 7) == 0, why);
+  int copy = dup2(fd, 100);
+  int flags = fcntl(copy, F_GETFD);
+  close(copy);
+  close(fd);
+  verdict("dup2_fcntl", copy == 100 && flags == 0, "dup2/fcntl gave other results");
+
+  int fds[2];
+  (void)!pipe(fds);
+  errno = 0;
+  off_t seek = lseek(fds[0], 0, SEEK_SET);
+  int saved = errno;
+  close(fds[0]);
+  close(fds[1]);
+  snprintf(why, sizeof why, "lseek on a pipe returned %ld errno %d", (long)seek, saved);
+  verdict("lseek_pipe_espipe", seek == -1 && saved == ESPIPE, why);
+
+  int pair[2];
+  socketpair(AF_UNIX, SOCK_STREAM, 0, pair);
+  ssize_t sent = send(pair[0], "peek-me", 7, 0);
+  char peeked[8] = "", got[8] = "";
+  ssize_t peek_n = recv(pair[1], peeked, 7, MSG_PEEK);
+  ssize_t recv_n = recv(pair[1], got, 7, 0);
+  ssize_t empty = recv(pair[1], got, 7, MSG_DONTWAIT);
+  saved = errno;
+  close(pair[0]);
+  close(pair[1]);
+  snprintf(why, sizeof why, "send %zd peek %zd recv %zd then %zd errno %d", sent, peek_n, recv_n, empty, saved);
+  verdict("socket_peek_and_nonblocking", sent == 7 && peek_n == 7 && recv_n == 7 && memcmp(got, "peek-me", 7) == 0 &&
+          empty == -1 && saved == EAGAIN, why);
+}
+
 static pthread_mutex_t cancel_lock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t cancel_cond = PTHREAD_COND_INITIALIZER;
 static sem_t waiter_ready;
@@ -527,6 +579,7 @@ int main(int argc, char** argv) {
     else if (strcmp(which, "thread_exit") == 0) case_thread_exit();
     else if (strcmp(which, "spawn") == 0) case_spawn();
     else if (strcmp(which, "memory") == 0) case_memory();
+    else if (strcmp(which, "vector_io") == 0) case_vector_io();
     else if (strcmp(which, "fork_busy") == 0) case_fork_busy();
     else if (strcmp(which, "thread_churn") == 0) case_thread_churn();
     else if (strcmp(which, "timeouts") == 0) case_timeouts();
