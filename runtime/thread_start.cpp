@@ -203,3 +203,15 @@ extern "C" void *vorx_thread_start_routine_wrapper(void *record) {
   else cleanup_handler(nullptr);
   return result;
 }
+
+// pthread_exit never returns to its wrapper: the thread lets go of its
+// descriptor first, so that the cleanup handler pushed by the start wrapper can
+// unregister it while the stack unwinds.
+extern "C" void vorx_pthread_exit_wrapper(vorx_workspace *, vorx_probe_data_t *data, void *trampoline) {
+  vorx_ts_desc_t *key = nullptr;
+  void *held = nullptr;
+  if (vorx_thread_manager_enter(g_vorx_thread_manager, &key, &held) == vorx_thread_manager_op_err_acquired && key)
+    vorx_thread_manager_release(g_vorx_thread_manager, key);
+  reinterpret_cast<vorx_pthread_exit_call_t>(trampoline)(data->params.u_pthread_exit.__retval);
+  __builtin_unreachable();
+}

@@ -148,10 +148,9 @@ TEST_F(HandlerTest, AnnotationPointsAndCreationsAreTypedByTheReader) {
   struct {
     uint32_t tag, id;
   } domain{0, 17}, name{0, 23};
-  uint64_t task_id[2] = {0x1111, 0x2222};
   data_.locals.last_probe_id = vorx_pi___ozk_task_begin;
   data_.params.u___ozk_task_begin.__domain = &domain;
-  data_.params.u___ozk_task_begin.__taskid = task_id;
+  data_.params.u___ozk_task_begin.__taskid = vorx_ozk_id_t{{0x1111, 0x2222, 0}};
   data_.params.u___ozk_task_begin.__name = &name;
   vorx_tp___ozk_task_begin_pre_cbk(&wsp_, &data_);
   data_.params.u___ozk_domain_create.__name = "render";
