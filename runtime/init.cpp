@@ -31,6 +31,8 @@
 
 using namespace LEVEL_KELCLIENT;
 
+extern "C" volatile int g_vorx_forked_child_reset;
+
 vorx_instr_global g_instr_global = {false, false, false, false, false, 0xFFFFFFFFu, false, 0};
 volatile int g_vorx_is_rtl_initialized = 0;
 int g_pause_time = 0;
@@ -377,7 +379,11 @@ extern "C" void vorx_reset(void) {
   }
   int saved_errno = vorx_app_errno();
   vorx_set_ctrl_c_handler(1);
+  // Every unit so far is the parent's: forget them, do not write them here.
+  g_vorx_forked_child_reset = 1;
+  vorx_tmu_forget_all_after_fork();
   vorx_thread_manager_reset_threads(g_vorx_thread_manager);
+  g_vorx_forked_child_reset = 0;
   vorx_abort(nullptr);
   vorx_set_app_errno(saved_errno);
 }

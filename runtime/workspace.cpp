@@ -17,6 +17,9 @@
  * to its own subsystem; while one is not linked in, its field stays null and
  * its step is skipped. */
 extern "C" {
+/* Set by the forked child while it throws the parent's threads away. */
+volatile int g_vorx_forked_child_reset = 0;
+
 void* vorx_alloc_cpu_profiling_descriptor(vorx_ts_desc_t* owner, vorx_u32_t thread) __attribute__((weak));
 void vorx_free_cpu_profiling_descriptor(void* desc) __attribute__((weak));
 void* vorx_alloc_stack_descriptor(vorx_u32_t thread, vorx_xstack* xstack) __attribute__((weak));
@@ -401,7 +404,9 @@ void vorx_init_per_thread_tmu(vorx_u32_t thread_id, bool aux, sal_allocator* all
 }
 
 void vorx_discard_per_thread_tmu(vorx_tmu_t** slot) {
-  if (*slot && per_thread_files()) g_vorx_tmu_creator->free_unit(g_vorx_tmu_creator, *slot);
+  // A forked child forgets the parent's units: the parent writes them.
+  if (*slot && per_thread_files() && !g_vorx_forked_child_reset)
+    g_vorx_tmu_creator->free_unit(g_vorx_tmu_creator, *slot);
   *slot = nullptr;
 }
 

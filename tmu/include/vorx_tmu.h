@@ -117,6 +117,8 @@ void vorx_tmu_set_mode(vorx_tmu_t *tmu, vorx_u32_t mode);
 void vorx_tmu_adjust_all_tmus(void);
 /* Spills every unit, closes its writer and frees its buffers. */
 void vorx_tmu_free_all_tmus(void);
+/* In a forked child: forget the parent's units without writing or locking them. */
+void vorx_tmu_forget_all_after_fork(void);
 
 /* Bytes held by buffers of units outside ring mode, and the limit on them. */
 vorx_u64_t vorx_tmu_memory_consumption(void);

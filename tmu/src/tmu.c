@@ -581,6 +581,18 @@ void vorx_tmu_adjust_all_tmus(void)
   vorx_mutex_unlock(&g_tmu_list_mutex);
 }
 
+/* In a forked child every unit belongs to the parent: its buffers may hold
+ * reservations of threads that do not exist here and its locks may have been
+ * held at the fork. The child forgets them all without touching them (the
+ * parent writes them), and starts an empty list. */
+void vorx_tmu_forget_all_after_fork(void)
+{
+  g_tmu_list.prev = g_tmu_list.next = &g_tmu_list;
+  pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
+  g_tmu_list_mutex = fresh;
+  __atomic_store_n(&g_tmu_memory_consumption, 0, __ATOMIC_SEQ_CST);
+}
+
 void vorx_tmu_free_all_tmus(void)
 {
   vorx_mutex_lock(&g_tmu_list_mutex);
