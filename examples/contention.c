@@ -9,6 +9,26 @@
 #include <string.h>
 #include <unistd.h>
 
+#ifdef VORX_EXAMPLE_ANNOTATE
+/* The program marks its own phases: each worker round is a task, and the file
+ * round trip is a task of its own. Without the collector these are no-ops. */
+#include "ozknotify.h"
+static ozk_domain *g_domain;
+static ozk_string_handle *g_round_name, *g_file_name;
+#define ANNOTATE_INIT()                                           \
+  do {                                                            \
+    g_domain = __ozk_domain_create("example");                    \
+    g_round_name = __ozk_string_handle_create("worker round");    \
+    g_file_name = __ozk_string_handle_create("file round trip");  \
+  } while (0)
+#define TASK_BEGIN(name) __ozk_task_begin(g_domain, ozk_null_id(), ozk_null_id(), (name))
+#define TASK_END() __ozk_task_end(g_domain)
+#else
+#define ANNOTATE_INIT() ((void)0)
+#define TASK_BEGIN(name) ((void)0)
+#define TASK_END() ((void)0)
+#endif
+
 enum { kWorkers = 4, kRoundsPerWorker = 200, kItems = 2000, kQueueSize = 16 };
 
 static pthread_mutex_t g_counter_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -18,10 +38,12 @@ static uint64_t g_counter;
 static void *contending_worker(void *arg) {
   uintptr_t id = (uintptr_t)arg;
   for (int round = 0; round < kRoundsPerWorker; ++round) {
+    TASK_BEGIN(g_round_name);
     pthread_mutex_lock(&g_counter_lock);
     g_counter += id + round;
     usleep(50);
     pthread_mutex_unlock(&g_counter_lock);
+    TASK_END();
   }
   return NULL;
 }
@@ -82,6 +104,7 @@ static void *consumer(void *arg) {
 
 /* Writes a file in small pieces and reads it back; returns the byte sum. */
 static uint64_t file_round_trip(void) {
+  TASK_BEGIN(g_file_name);
   char path[] = "/tmp/vorx-example-XXXXXX";
   int fd = mkstemp(path);
   if (fd < 0) { perror("mkstemp"); exit(1); }
@@ -97,10 +120,12 @@ static uint64_t file_round_trip(void) {
     for (ssize_t i = 0; i < got; ++i) sum += (unsigned char)block[i];
   close(fd);
   unlink(path);
+  TASK_END();
   return sum;
 }
 
 int main(void) {
+  ANNOTATE_INIT();
   pthread_t workers[kWorkers], consumers[2];
   for (uintptr_t i = 0; i < kWorkers; ++i) pthread_create(&workers[i], NULL, contending_worker, (void *)i);
   for (int i = 0; i < 2; ++i) pthread_create(&consumers[i], NULL, consumer, NULL);

@@ -10,8 +10,8 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/nu
 cmake --build "$build" -j "$jobs"
 
 results=$(mktemp -d "${TMPDIR:-/tmp}/vorx-demo-XXXXXX")
-echo "== vorx run -c threading,io,memory -- examples/contention"
-"$build/bin/vorx" run -c threading,io,memory -r "$results" -- "$build/bin/contention"
+echo "== vorx run -c threading,io,memory,task -- examples/contention"
+"$build/bin/vorx" run -c threading,io,memory,task -r "$results" -- "$build/bin/contention"
 echo
 echo "== vorx report $results"
 "$build/bin/vorx" report "$results"
