@@ -4,19 +4,11 @@
 #include <cstdio>
 
 #include "../../src/arch.h"
+#include "decoder.h"
 #include "kel.h"
 
 namespace kel::arch {
 namespace {
-
-const ZydisDecoder& decoder() {
-  static ZydisDecoder instance = [] {
-    ZydisDecoder d;
-    ZydisDecoderInit(&d, ZYDIS_MACHINE_MODE_LEGACY_32, ZYDIS_STACK_WIDTH_32);
-    return d;
-  }();
-  return instance;
-}
 
 uint32_t opcode_of(ZydisMnemonic m) {
   switch (m) {

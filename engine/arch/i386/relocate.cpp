@@ -27,18 +27,10 @@
 #include <cstring>
 
 #include "../../src/arch.h"
+#include "decoder.h"
 
 namespace kel::arch {
 namespace {
-
-const ZydisDecoder& decoder() {
-  static ZydisDecoder instance = [] {
-    ZydisDecoder d;
-    ZydisDecoderInit(&d, ZYDIS_MACHINE_MODE_LEGACY_32, ZYDIS_STACK_WIDTH_32);
-    return d;
-  }();
-  return instance;
-}
 
 // The sweep of a whole module only needs lengths and relative immediates: the minimal mode skips the
 // semantic analysis and is several times faster.
