@@ -477,6 +477,8 @@ def traits(desc, fn):
          '    static constexpr bool contention = %s;' % b('contention' in a),
          '    static constexpr vorx::wakes wakes = vorx::wakes::%s;' % (a.get('wakes') or 'none'),
          '    static constexpr vorx::thin thin = vorx::thin::%s;' % (a.get('thin') or 'none'),
+         '    static constexpr bool own_wait = %s;' % b('ownwait' in a),
+         '    static constexpr vorx::usync usync = vorx::usync::%s;' % (a.get('usync') or 'none'),
          '    static constexpr vorx::timeout timeout = vorx::timeout::%s;' % (timeout_kind or 'none'),
          '    static constexpr bool eintr_is_result = %s;' % b(a.get('eintr') == 'result'),
          '    static constexpr int sleep_unit = %d;  // 1: seconds, 2: microseconds, through nanosleep' % sleep_unit,

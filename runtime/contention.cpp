@@ -11,7 +11,22 @@ namespace {
 
 vorx_filtering_data* as_filtering(void* data) { return static_cast<vorx_filtering_data*>(data); }
 
+// Threads that have a lock object in their block right now. A release finds no waiter while this is 0, so
+// the wrappers of releases skip the walk over all threads (and everything else) then.
+vorx_u32_t g_sync_waiters;
+
+void count_waiter_in(vorx_filtering_data* fd) {
+  if (__atomic_exchange_n(&fd->sys_sync.count, 1u, __ATOMIC_ACQ_REL) == 0)
+    __atomic_add_fetch(&g_sync_waiters, 1u, __ATOMIC_ACQ_REL);
+}
+
+void count_waiter_out(vorx_filtering_data* fd) {
+  if (__atomic_exchange_n(&fd->sys_sync.count, 0u, __ATOMIC_ACQ_REL) != 0)
+    __atomic_sub_fetch(&g_sync_waiters, 1u, __ATOMIC_ACQ_REL);
+}
+
 void clear_block(vorx_filtering_data* fd) {
+  count_waiter_out(fd);
   auto reset = fd->reset;
   auto destroy = fd->destroy;
   memset(fd, 0, sizeof *fd);
@@ -19,7 +34,10 @@ void clear_block(vorx_filtering_data* fd) {
   fd->destroy = destroy;
 }
 
-void destroy_block(vorx_filtering_data* fd) { free(fd); }
+void destroy_block(vorx_filtering_data* fd) {
+  count_waiter_out(fd);
+  free(fd);
+}
 
 vorx_u32_t address_word(const void* object) { return static_cast<vorx_u32_t>(reinterpret_cast<uintptr_t>(object)); }
 
@@ -61,7 +79,7 @@ void vorx_filtering_push_sync(void* filtering_data, void* object) {
   if (!fd) return;
   fd->sys_sync.objects[0] = address_word(object);
   fd->sys_sync.contended[0] = 0;
-  __atomic_store_n(&fd->sys_sync.count, 1u, __ATOMIC_RELEASE);
+  count_waiter_in(fd);
 }
 
 int vorx_filtering_contended(void* filtering_data) {
@@ -72,11 +90,13 @@ int vorx_filtering_contended(void* filtering_data) {
 void vorx_filtering_clear_sync(void* filtering_data) {
   vorx_filtering_data* fd = as_filtering(filtering_data);
   if (!fd) return;
-  __atomic_store_n(&fd->sys_sync.count, 0u, __ATOMIC_RELEASE);
+  count_waiter_out(fd);
   fd->sys_sync.objects[0] = 0;
   fd->sys_sync.contended[0] = 0;
   fd->wait_in_progress = 0;
 }
+
+int vorx_sync_waiters_possible(void) { return __atomic_load_n(&g_sync_waiters, __ATOMIC_ACQUIRE) != 0; }
 
 uint32_t vorx_filtering_user_heap_nesting(void* filtering_data) {
   return filtering_data ? as_filtering(filtering_data)->user_heap : 0;

@@ -9,6 +9,9 @@
 #include <string.h>
 
 #include <span>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
 
 #include "engine_callbacks.h"
 #include "kel.h"
@@ -76,12 +79,6 @@ bool starts_with(const char *text, const char *prefix) { return strncmp(text, pr
 bool ends_with(const char *text, const char *suffix) {
   size_t length = strlen(text), suffix_length = strlen(suffix);
   return length >= suffix_length && strcmp(text + length - suffix_length, suffix) == 0;
-}
-
-// A symbol of the function `wanted`: the plain name, or any version of it.
-bool names_function(const std::string &symbol, const char *wanted, size_t wanted_length) {
-  return symbol.compare(0, wanted_length, wanted) == 0 &&
-         (symbol.size() == wanted_length || symbol[wanted_length] == '@');
 }
 
 // ------------------------------------------------------------------ reports
@@ -216,17 +213,32 @@ void resolve_row(IMG img, const vorx_probe_entry_t &entry, vorx_probe_t *row, RT
   set_default_row(entry, row, symbol);
 }
 
+// The image's symbols by their plain name (the text before any '@'), each list in the order of the symbol
+// table. One pass over the table serves every function of the module: libc alone has thousands of symbols
+// and hundreds of wanted functions, and a pass per function made module loading the bulk of start-up.
+using SymbolsByName = std::unordered_map<std::string_view, std::vector<SYM>>;
+
+SymbolsByName index_symbols(IMG img) {
+  SymbolsByName index;
+  for (SYM sym = IMG_RegsymHead(img); SYM_Valid(sym); sym = SYM_Next(sym)) {
+    if (SYM_Index(sym) == 0) continue;
+    std::string_view name(SYM_Name(sym));  // the engine keeps the names as long as the image
+    index[name.substr(0, name.find('@'))].push_back(sym);
+  }
+  return index;
+}
+
 // Every version of the function in the image, in the order of its symbol
 // table: each is a routine of its own with its own row and wrapper. A version
 // beyond the rows of the module is ignored.
-void probe_function(IMG img, const vorx_probe_entry_t &entry, unsigned mod) {
+void probe_function(IMG img, const SymbolsByName &symbols, const vorx_probe_entry_t &entry, unsigned mod) {
   VORX_LOG(vorx_log_level_trace, "\n Function requested to be probed: %s", entry.name);
-  size_t name_length = strlen(entry.name);
+  auto found = symbols.find(std::string_view(entry.name));
+  if (found == symbols.end()) return;
   unsigned ver = 0;
-  for (SYM sym = IMG_RegsymHead(img); SYM_Valid(sym); sym = SYM_Next(sym)) {
-    if (SYM_Index(sym) == 0 || ver >= entry.versions) continue;
+  for (SYM sym : found->second) {
+    if (ver >= entry.versions) break;
     const std::string &symbol = SYM_Name(sym);
-    if (!names_function(symbol, entry.name, name_length)) continue;
     VORX_LOG(vorx_log_level_trace, "Symbol found: %s", symbol.c_str());
     RTN rtn = routine_of_symbol(img, sym);
     if (!RTN_Valid(rtn)) continue;
@@ -255,11 +267,12 @@ int module_index(const vorx_probe_entry_t &entry, const vorx_module_descriptor_t
 }
 
 void probe_module(IMG img, const vorx_module_descriptor_t *descriptor) {
+  const SymbolsByName symbols = index_symbols(img);
   for (const vorx_probe_entry_t *entry = descriptor->probes; entry != nullptr && entry->name != nullptr; ++entry) {
     if (entry->modules == 0 || !wanted_probe(entry->id)) continue;
     int mod = module_index(*entry, descriptor);
     if (mod < 0) continue;
-    probe_function(img, *entry, static_cast<unsigned>(mod));
+    probe_function(img, symbols, *entry, static_cast<unsigned>(mod));
   }
 }
 

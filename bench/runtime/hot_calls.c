@@ -1,6 +1,8 @@
 /* Hot calls the collector wraps, timed from inside: an uncontended mutex
- * lock/unlock pair, a 1-byte read from a pipe, malloc/free of 16 bytes, and a
- * contended lock wait. Prints ns per operation, one line each. */
+ * lock/unlock pair, a 1-byte read from a pipe, malloc/free of 16 bytes, an
+ * annotated task begin/end pair and a contended lock wait. Prints ns per
+ * operation, one line each. */
+#include <ozknotify.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -52,6 +54,15 @@ int main(int argc, char **argv) {
     free(p);
   }
   printf("malloc_free_16_ns %.1f\n", (now_ns() - t0) / n);
+
+  ozk_domain *domain = __ozk_domain_create("bench");
+  ozk_string_handle *name = __ozk_string_handle_create("task");
+  t0 = now_ns();
+  for (int i = 0; i < n; ++i) {
+    __ozk_task_begin(domain, ozk_null_id(), ozk_null_id(), name);
+    __ozk_task_end(domain);
+  }
+  printf("task_pair_ns %.1f\n", (now_ns() - t0) / n);
 
   int rounds = 20000;
   pthread_t threads[2];

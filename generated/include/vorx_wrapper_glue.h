@@ -15,6 +15,7 @@
 #include "thread_manager.h"
 #include "vorx_config.h"
 #include "vorx_deepbind.h"
+#include "vorx_htable.h"
 #include "vorx_init.h"
 #include "vorx_log.h"
 #include "vorx_timesource.h"
@@ -35,6 +36,9 @@ void vorx_filtering_push_sync(void* filtering_data, void* object);
 int vorx_filtering_contended(void* filtering_data);
 void vorx_filtering_clear_sync(void* filtering_data);
 uint32_t vorx_filtering_user_heap_nesting(void* filtering_data);
+int vorx_sync_waiters_possible(void);
+void vorx_user_sync_open(void* wsp, const vorx_probe_data_t* data, void* object);
+void vorx_user_sync_close(void* wsp, void* object, uint64_t* enter_time);
 int vorx_find_sync_waiter(vorx_ts_desc_t* key, void* filtering_data, void* object, int user_sync, uint64_t* since);
 // heap kind
 extern void* g_vorx_mem_obj_htable;
@@ -157,6 +161,13 @@ inline void push_sync(wsp_t* wsp, void* object) { vorx_filtering_push_sync(wsp->
 inline bool contended(wsp_t* wsp) { return vorx_filtering_contended(wsp->filtering_data) != 0; }
 inline void clear_sync(wsp_t* wsp) { vorx_filtering_clear_sync(wsp->filtering_data); }
 inline unsigned user_heap_nesting(wsp_t* wsp) { return vorx_filtering_user_heap_nesting(wsp->filtering_data); }
+inline void user_sync_open(wsp_t* wsp, const vorx_probe_data_t* data, void* object) {
+    vorx_user_sync_open(wsp, data, object);
+}
+inline void user_sync_close(wsp_t* wsp, void* object, uint64_t* enter_time) {
+    vorx_user_sync_close(wsp, object, enter_time);
+}
+inline bool sync_waiters_possible() { return vorx_sync_waiters_possible() != 0; }
 inline bool find_waiter(key_t key, wsp_t* wsp, void* object, bool user, unsigned long long* since) {
     return vorx_find_sync_waiter(key, wsp->filtering_data, object, user ? 1 : 0, (uint64_t*)since) != 0;
 }
@@ -168,6 +179,11 @@ inline unsigned long long round_to_pages(unsigned long long size) {
 }
 inline bool heap_insert(unsigned long long size, void* block) {
     return vorx_mem_obj_htable_insert(g_vorx_mem_obj_htable, g_vorx_conf, size, block) != 0;
+}
+inline bool heap_table_present() { return g_vorx_mem_obj_htable != nullptr; }
+inline bool heap_known(void* block) {
+    return block && vorx_htable_contains(static_cast<const vorx_htable*>(g_vorx_mem_obj_htable),
+                                         (uint32_t)(uintptr_t)block);
 }
 inline bool heap_delete(void* block) { return vorx_mem_obj_htable_delete(g_vorx_mem_obj_htable, block) != 0; }
 

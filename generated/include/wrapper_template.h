@@ -28,6 +28,7 @@ namespace vorx {
 enum class kind { wait_retry, wait, event, heap, counted, replaced, thin, model, none, event_only };
 enum class wakes { none, sys, user };
 enum class thin { none, exit, system, getenv, syscall };
+enum class usync { none, open, close };  // annotated waits on user objects
 enum class timeout { none, ms, ts, sockopt };
 
 // What the syscall wrapper's dispatch answers when the call is no futex.
@@ -305,15 +306,21 @@ inline void run_callbacks(frame_t<T>& f, unsigned order) {
     }
 }
 
-// Step 6 and 7: arguments are in place already; the state, the context and both times.
+// Step 6: arguments are in place already; the state, the context and both times.
 template <class T>
-inline void pre(frame_t<T>& f) {
+inline void pre_times(frame_t<T>& f) {
     f.data.next_wait = nullptr;
     f.data.locals.sampled = 0;
     f.data.locals.contended = 0;
     glue::get_context(f.context);
     f.data.locals.state = glue::conf_state();
     f.data.locals.enter_time = f.data.locals.leave_time = glue::now();
+}
+
+// Steps 6 and 7.
+template <class T>
+inline void pre(frame_t<T>& f) {
+    pre_times(f);
     if (glue::update_parent_probe_params() != 1) {
         glue::update_nested_probe_params(&f.data, glue::incomplete_wait(f.wsp));
         run_callbacks(f, vorx_or_pre);
@@ -466,27 +473,53 @@ inline typename T::result_t thin_path(typename T::params_t& p) {
     if constexpr (!std::is_void_v<typename T::result_t>) return f.p().__result;
 }
 
+// Calls that would make no record whatever happened in them go straight to the original, before the
+// thread manager is touched: a release while no thread waits on a lock object (or while the collection is
+// paused), an allocation below the size filter, and a release of a block that the object table does not
+// hold. What they would have done on the full path is nothing, so skipping it changes no record.
+template <class T>
+inline bool needs_no_record(const typename T::params_t& p) {
+    if constexpr (T::wakes == wakes::sys) {
+        if (glue::conf_state() != 1) return true;
+        if (!T::own_wait && glue::contention_filter_on() && !glue::sync_waiters_possible()) return true;
+    }
+    if constexpr (T::kind == kind::heap && T::heap_sized && !T::heap_frees) {
+        unsigned long long size = T::heap_size(p);
+        if constexpr (T::heap_page_rounded) size = glue::round_to_pages(size);
+        if (size < glue::memory_size_threshold()) return true;
+    }
+    if constexpr (T::kind == kind::heap && T::heap_frees && !T::heap_sized) {
+        if (glue::heap_table_present() && !glue::heap_known(T::heap_released(p))) return true;
+    }
+    return false;
+}
+
 template <class T, unsigned M, unsigned V>
 inline typename T::result_t wrap(typename T::params_t& args) {
     if constexpr (T::kind == kind::thin) {
         return thin_path<T, M, V>(args);
     } else {
+        if (needs_no_record<T>(args)) {
+            if constexpr (std::is_void_v<typename T::result_t>) {
+                T::call(own_trampoline<T>(M, V), args);
+                return;
+            } else {
+                T::call(own_trampoline<T>(M, V), args);
+                return args.__result;
+            }
+        }
+        if constexpr (T::trylock != vorx_pi_eof) {
+            // Uncontended locks cost one extra call and nothing else. The thread functions answer with their
+            // result and leave errno alone, so there is no errno to keep on this path.
+            if (void* try_fn = glue::head_trampoline(T::trylock))
+                if (((int (*)(void*))try_fn)(T::object(args)) == 0) return 0;
+        }
         frame_t<T> f;
         T::in(f.data) = args;
         if constexpr (T::sleep_unit == 1) {
             if (T::sleep_amount(f.p()) == 0) return pass_through<T, M, V>(f, false);  // sleep(0): nothing at all
         }
         f.err = glue::errno_get();  // step 3
-        if constexpr (T::trylock != vorx_pi_eof) {
-            // uncontended locks cost one extra call and nothing else
-            if (void* try_fn = glue::head_trampoline(T::trylock)) {
-                int rc = ((int (*)(void*))try_fn)(T::object(f.p()));
-                if (rc == 0) {
-                    glue::errno_set(f.err);
-                    return 0;
-                }
-            }
-        }
         glue::enter_result entered = enter(f, true);  // step 4
         if (entered != glue::enter_result::ok) {
             VORX_WRAPPER_ASSERT(entered == glue::enter_result::acquired || entered == glue::enter_result::not_found);
@@ -502,6 +535,12 @@ inline typename T::result_t wrap(typename T::params_t& args) {
         if (f.old_level != level_application) return pass_through<T, M, V>(f, true);
         if constexpr (T::wakes != wakes::none) {
             if (glue::conf_state() != 1) return pass_through<T, M, V>(f, true);
+        }
+        if constexpr (T::usync == usync::open) {
+            // the wait is the time until the matching close: it lives in the thread's slots, not on this frame
+            pre_times(f);
+            glue::user_sync_open(f.wsp, &f.data, T::object(f.p()));
+            return pass_through<T, M, V>(f, true);
         }
         bool released_known = false;
         if constexpr (T::kind == kind::heap) {
@@ -533,13 +572,20 @@ inline typename T::result_t wrap(typename T::params_t& args) {
             }
         }
         bool report = f.callbacks_due;
-        if constexpr (waits) {
+        if constexpr (T::usync == usync::close) {
+            // the record of a user wait runs from its open, and is made whatever its length
+            f.data.locals.leave_time = glue::now();
+            glue::user_sync_close(f.wsp, T::object(f.p()), &f.data.locals.enter_time);
+            if (!pop_wait(f)) report = false;
+        } else if constexpr (waits) {
             if (report) report = judge(f);              // step 13
             if (!pop_wait(f)) report = false;           // step 14
         } else {
             f.data.locals.leave_time = glue::now();
         }
-        if constexpr (T::wakes != wakes::none) {
+        if constexpr (T::wakes != wakes::none && T::own_wait) {
+            if (report && glue::contention_filter_on() && glue::sync_waiters_possible()) wake_report(f);
+        } else if constexpr (T::wakes != wakes::none) {
             if (report) report = wake_report(f);
         }
         if constexpr (T::kind == kind::heap) {

@@ -69,6 +69,13 @@ void vorx_filtering_push_sync(void* filtering_data, void* object);
 int vorx_filtering_contended(void* filtering_data);
 void vorx_filtering_clear_sync(void* filtering_data);
 uint32_t vorx_filtering_user_heap_nesting(void* filtering_data);
+/* 0 while no thread has a lock object in its block: a release then has no waiter to find. */
+int vorx_sync_waiters_possible(void);
+/* __ozk_sync_prepare keeps its wait (the probe data of the call) in a free slot of the thread; the close
+ * (acquired or cancel) takes it out and gives the open's time in *enter_time, which it leaves alone for an
+ * object without a slot. */
+void vorx_user_sync_open(void* wsp, const vorx_probe_data_t* data, void* object);
+void vorx_user_sync_close(void* wsp, void* object, uint64_t* enter_time);
 /* Looks through every thread for one that waits on `object` (user-sync slots when user_sync is 1);
  * marks it contended and gives the start of its wait in *since. 1 found, 0 not. */
 int vorx_find_sync_waiter(vorx_ts_desc_t* key, void* filtering_data, void* object, int user_sync, uint64_t* since);

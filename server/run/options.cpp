@@ -63,8 +63,11 @@ void add_run_options(CLI::App &app, RunOptions &o) {
   app.add_option("--stack-threshold", o.stack_threshold_us,
                  "Calls shorter than this many microseconds get a cheaper stack")
       ->capture_default_str();
-  app.add_flag("--contention-filter", o.contention_filter,
-               "Report a lock wait only when the lock was contended");
+  app.add_flag("--contention-filter,!--no-contention-filter", o.contention_filter,
+               "Report a lock wait only when another thread's release found it waiting, and a release only "
+               "when it had a waiter (default); with --no-contention-filter every blocking lock call and "
+               "every release is reported")
+      ->capture_default_str();
   app.add_flag("-p,--paused", o.paused, "Start with collection paused (the program resumes it)");
   app.add_flag("--no-follow", o.no_follow, "Do not follow child processes");
   app.add_option("--ignore", o.ignored, "Do not collect in programs of this base name (repeatable)");

@@ -23,7 +23,7 @@ struct RunOptions {
   uint64_t wait_threshold_us = 0;
   uint64_t short_wait_threshold_us = 0;
   uint64_t stack_threshold_us = 0;
-  bool contention_filter = false;
+  bool contention_filter = true;
   bool paused = false;
   bool no_follow = false;
   std::vector<std::string> ignored;

@@ -53,6 +53,9 @@ struct state_t {
     unsigned global_locks = 0;
     void* sync_pushed = nullptr;
     bool waiter_found = false;
+    bool waiters_possible = true;
+    void* user_open = nullptr;             // the one user wait that the fake slots keep
+    unsigned long long user_open_time = 0;          // some thread has a lock object in its block
     vorx_workspace wsp;
 };
 
@@ -137,6 +140,16 @@ inline void push_sync(wsp_t*, void* object) { fake::st().sync_pushed = object; }
 inline bool contended(wsp_t*) { return fake::st().contended; }
 inline void clear_sync(wsp_t*) { fake::st().sync_pushed = nullptr; }
 inline unsigned user_heap_nesting(wsp_t* wsp) { return wsp->heap_nesting; }
+inline void user_sync_open(wsp_t*, const vorx_probe_data_t* d, void* object) {
+    fake::st().user_open = object;
+    fake::st().user_open_time = d->locals.enter_time;
+}
+inline void user_sync_close(wsp_t*, void* object, uint64_t* enter_time) {
+    if (object != fake::st().user_open) return;
+    *enter_time = fake::st().user_open_time;
+    fake::st().user_open = nullptr;
+}
+inline bool sync_waiters_possible() { return fake::st().waiters_possible; }
 inline bool find_waiter(key_t, wsp_t*, void*, bool, unsigned long long* since) {
     *since = 0;
     return fake::st().waiter_found;
@@ -145,6 +158,13 @@ inline unsigned long long round_to_pages(unsigned long long size) { return (size
 inline bool heap_insert(unsigned long long, void* block) {
     fake::st().heap.push_back(block);
     return true;
+}
+// like the collector's: a size filter of 2 bytes or more keeps a table of the blocks it let through
+inline bool heap_table_present() { return fake::st().memory_threshold >= 2; }
+inline bool heap_known(void* block) {
+    for (void* b : fake::st().heap)
+        if (b == block) return true;
+    return false;
 }
 inline bool heap_delete(void* block) {
     auto& h = fake::st().heap;

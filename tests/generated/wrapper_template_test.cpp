@@ -249,6 +249,16 @@ TEST_F(Wrappers, WakersPassThroughWhilePaused) {
     fake::st().waiter_found = true;
     EXPECT_EQ(vorx_pthread_mutex_unlock_mod2_ver0(&mutex), 0);
     EXPECT_EQ(fake::st().callbacks.size(), 3u);
+
+    // while no thread has a lock object in its block there is nobody to find: the release is not entered
+    fake::st().waiters_possible = false;
+    unsigned enters = fake::st().enters;
+    EXPECT_EQ(vorx_pthread_mutex_unlock_mod2_ver0(&mutex), 0);
+    EXPECT_EQ(fake::st().callbacks.size(), 3u);
+    EXPECT_EQ(fake::st().enters, enters);
+    fake::st().contention_filter = false;  // without the filter every release is reported
+    EXPECT_EQ(vorx_pthread_mutex_unlock_mod2_ver0(&mutex), 0);
+    EXPECT_EQ(fake::st().callbacks.size(), 5u);
 }
 
 char block[256];
@@ -268,8 +278,10 @@ TEST_F(Wrappers, HeapCallsBelowTheSizeFilterLeaveNoTrace) {
     vorx_free_mod1_ver0(block);
     EXPECT_EQ(fake::st().callbacks.size(), 4u);
     EXPECT_TRUE(fake::st().heap.empty());
-    vorx_free_mod1_ver0(block + 1);  // never sampled: no record
-    EXPECT_EQ(fake::st().callbacks.size(), 5u);
+    unsigned enters = fake::st().enters;
+    vorx_free_mod1_ver0(block + 1);  // never sampled: straight to the original, not even entered
+    EXPECT_EQ(fake::st().callbacks.size(), 4u);
+    EXPECT_EQ(fake::st().enters, enters);
 }
 
 long syscall_calls = 0;

@@ -109,9 +109,7 @@ class AnnotatedRun(unittest.TestCase):
         self.assertEqual(rows[0]["function"], "__ozk_sync_acquired")
         self.assertEqual(rows[0]["count"], "1")
 
-    # The wait should run from __ozk_sync_prepare to __ozk_sync_acquired; the collector still times only
-    # the acquired call itself. Remove the marker when prepare opens the wait (an unexpected success fails).
-    @unittest.expectedFailure
+    # The wait runs from __ozk_sync_prepare to __ozk_sync_acquired, not just over the acquired call.
     def test_wait_on_the_user_sync_object_lasts_from_prepare_to_acquired(self):
         rows = [r for r in self.tables.get("waits_by_object", []) if r["object_name"] == "e2e gate (flag)"]
         self.assertEqual(len(rows), 1, self.tables.get("waits_by_object"))

@@ -3,6 +3,7 @@
 // the signal descriptor and the clock are stood in for: one test thread, always entered, and a clock that
 // the fake originals move.
 #pragma once
+#include "vorx_htable.h"
 #include <errno.h>
 #include <stdint.h>
 #include <sys/time.h>
@@ -88,6 +89,13 @@ inline void push_sync(wsp_t* wsp, void* object) { vorx_filtering_push_sync(wsp->
 inline bool contended(wsp_t* wsp) { return vorx_filtering_contended(wsp->filtering_data) != 0; }
 inline void clear_sync(wsp_t* wsp) { vorx_filtering_clear_sync(wsp->filtering_data); }
 inline unsigned user_heap_nesting(wsp_t* wsp) { return vorx_filtering_user_heap_nesting(wsp->filtering_data); }
+inline void user_sync_open(wsp_t* wsp, const vorx_probe_data_t* d, void* object) {
+    vorx_user_sync_open(wsp, d, object);
+}
+inline void user_sync_close(wsp_t* wsp, void* object, uint64_t* enter_time) {
+    vorx_user_sync_close(wsp, object, enter_time);
+}
+inline bool sync_waiters_possible() { return vorx_sync_waiters_possible() != 0; }
 inline bool find_waiter(key_t, wsp_t*, void*, bool, unsigned long long* since) {
     *since = 0;
     return false;
@@ -95,6 +103,11 @@ inline bool find_waiter(key_t, wsp_t*, void*, bool, unsigned long long* since) {
 inline unsigned long long round_to_pages(unsigned long long size) { return (size + 4095) / 4096 * 4096; }
 inline bool heap_insert(unsigned long long size, void* block) {
     return vorx_mem_obj_htable_insert(g_vorx_mem_obj_htable, g_vorx_conf, size, block) != 0;
+}
+inline bool heap_table_present() { return g_vorx_mem_obj_htable != nullptr; }
+inline bool heap_known(void* block) {
+    return block && vorx_htable_contains(static_cast<const vorx_htable*>(g_vorx_mem_obj_htable),
+                                         (uint32_t)(uintptr_t)block);
 }
 inline bool heap_delete(void* block) { return vorx_mem_obj_htable_delete(g_vorx_mem_obj_htable, block) != 0; }
 inline bool lock_global() { return true; }

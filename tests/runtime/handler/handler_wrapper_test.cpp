@@ -10,6 +10,9 @@ extern "C" {
 int vorx_pthread_mutex_lock_mod1_ver0(void* mutex);
 unsigned vorx_fread_mod1_ver0(void* ptr, unsigned size, unsigned n, void* stream);
 int vorx_read_mod1_ver0(int fd, void* buf, unsigned n);
+void vorx___ozk_sync_prepare_mod0_ver0(void* addr);
+void vorx___ozk_sync_acquired_mod0_ver0(void* addr);
+void vorx___ozk_sync_cancel_mod0_ver0(void* addr);
 }
 
 namespace {
@@ -134,6 +137,53 @@ TEST_F(WrappedCalls, ReadOnItsOwnIsMeasured) {
   EXPECT_EQ(aux.api[0].function_id, uint32_t(vorx_pi_read));
   EXPECT_EQ(word_at(aux.api[0].args, 0), 7u);
   EXPECT_EQ(word_at(aux.api[0].args, 1), 16u);
+}
+
+// An annotated wait runs from its prepare to its acquired (or cancel), whatever the calls in between; the
+// thread's slots hold it meanwhile, and an end without a prepare is a wait of no length.
+TEST_F(WrappedCalls, UserWaitRunsFromPrepareToItsEnd) {
+  for (unsigned v = 0; v < 3; ++v)
+    for (unsigned id : {vorx_pi___ozk_sync_prepare, vorx_pi___ozk_sync_acquired, vorx_pi___ozk_sync_cancel})
+      vorx_probe_row(id, 3, 0, v)->trampoline = (void*)+[](void*) {};
+  int first = 0, second = 0, never_prepared = 0;
+  handler_glue::st().clock = 1000;
+  vorx___ozk_sync_prepare_mod0_ver0(&first);
+  handler_glue::st().clock = 1100;
+  vorx___ozk_sync_prepare_mod0_ver0(&second);
+  vorx___ozk_sync_prepare_mod0_ver0(&first);  // open already: its first time stands
+  EXPECT_EQ(filtering()->user_sync.nested_calls_count, 2);
+  EXPECT_EQ(wsp_.incomplete_wait, nullptr);
+  handler_glue::st().clock = 1500;
+  vorx___ozk_sync_acquired_mod0_ver0(&first);
+  handler_glue::st().clock = 1700;
+  vorx___ozk_sync_cancel_mod0_ver0(&second);
+  vorx___ozk_sync_acquired_mod0_ver0(&never_prepared);
+  EXPECT_EQ(filtering()->user_sync.nested_calls_count, 0);
+  EXPECT_EQ(wsp_.runtime_level, unsigned(vorx_le_in_application));
+
+  Collector aux = read("aux");
+  ASSERT_EQ(aux.api.size(), 3u);
+  EXPECT_EQ(aux.api[0].function_id, uint32_t(vorx_pi___ozk_sync_acquired));
+  EXPECT_EQ(aux.api[0].begin, 1000u);
+  EXPECT_EQ(aux.api[0].end, 1500u);
+  EXPECT_EQ(word_at(aux.api[0].args, 0), uint32_t(uintptr_t(&first)));
+  EXPECT_EQ(aux.api[1].function_id, uint32_t(vorx_pi___ozk_sync_cancel));
+  EXPECT_EQ(aux.api[1].begin, 1100u);
+  EXPECT_EQ(aux.api[1].end, 1700u);
+  EXPECT_EQ(aux.api[2].end - aux.api[2].begin, 0u);
+}
+
+// Past the 64 slots a prepare is counted but not kept; the ends bring the count back.
+TEST_F(WrappedCalls, PreparesPastTheSlotsAreCountedNotKept) {
+  for (unsigned v = 0; v < 3; ++v)
+    for (unsigned id : {vorx_pi___ozk_sync_prepare, vorx_pi___ozk_sync_acquired})
+      vorx_probe_row(id, 3, 0, v)->trampoline = (void*)+[](void*) {};
+  static int objects[66];
+  for (int& o : objects) vorx___ozk_sync_prepare_mod0_ver0(&o);
+  EXPECT_EQ(filtering()->user_sync.nested_calls_count, 66);
+  for (int& o : objects) vorx___ozk_sync_acquired_mod0_ver0(&o);
+  EXPECT_EQ(filtering()->user_sync.nested_calls_count, 0);
+  for (unsigned slot = 0; slot < VORX_SYNC_SLOTS; ++slot) EXPECT_EQ(filtering()->user_sync.objects[slot], 0u);
 }
 
 }  // namespace
