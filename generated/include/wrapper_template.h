@@ -210,7 +210,7 @@ inline bool interrupted(frame_t<T>& f) {
 // application never sees that EINTR; an interruption by the application's signals is handed on.
 template <class T>
 inline void call_with_retry(frame_t<T>& f, void* fn) {
-    glue::key_t key = nullptr;
+    glue::key_t key = f.key;  // the thread's descriptor from the first enter: no lookup by thread again
     glue::wsp_t* wsp = nullptr;
     if (glue::enter(key, wsp) == glue::enter_result::ok) {
         glue::clear_internal_signal(wsp);
@@ -260,7 +260,7 @@ inline void sleep_through_nanosleep(frame_t<T>& f) {
         rc = nanosleep_fn(&left, &left);
         f.err = glue::errno_get();
         if (rc == 0 || f.err != EINTR) break;
-        glue::key_t key = nullptr;
+        glue::key_t key = f.key;
         glue::wsp_t* wsp = nullptr;
         if (glue::enter(key, wsp) != glue::enter_result::ok) break;
         bool ours = glue::internal_signal_arrived(wsp);

@@ -28,7 +28,7 @@ struct RunOptions {
   bool no_follow = false;
   std::vector<std::string> ignored;
   std::vector<std::string> environment;  // NAME=VALUE
-  std::string time_source = "system";
+  std::string time_source = "auto";
   unsigned sampling_signal = 27;  // SIGPROF
   bool offline_stack_walk = false;
   bool show_info = false;
@@ -42,6 +42,8 @@ struct RunOptions {
 void add_run_options(CLI::App &app, RunOptions &options);
 // A reason when the options cannot make a configuration; empty when they can.
 std::string check_run_options(const RunOptions &options);
+// "tsc" or "system": what "auto" comes to on this machine; the other two as they are.
+std::string resolved_time_source(const std::string &choice);
 // The configuration every process starts from; data_dir ends with '/'.
 ConfigurationPtr make_base_configuration(const RunOptions &options, const std::string &data_dir);
 // The options as "name": value pairs, for the manifest.
