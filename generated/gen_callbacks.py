@@ -125,7 +125,7 @@ ANNOTATIONS = {
     "__ozk_counter_set_value": (1, 1, ["id:{counter}", "*(const unsigned*){value_ptr}"], BOTH),
     "__ozk_domain_create": (1, 1, ["str:{name}", "id:{ret}"], BOTH),
     "__ozk_string_handle_create": (1, 1, ["str:{name}", "id:{ret}"], BOTH),
-    "__ozk_event_create": (1, 1, ["str:{name}", "{ret}"], BOTH),
+    "__ozk_event_create": (1, 1, ["strn:{name}:{namelen}", "{ret}"], BOTH),
     "__ozk_event_start": (2, 2, ["{event}"], (RESUMED,)),
     "__ozk_event_end": (2, 2, ["{event}"], (RESUMED,)),
     "__ozk_task_begin": (2, 3, ["id:{domain}", "ids:{taskid}", "id:{name}"], (RESUMED,)),
@@ -236,7 +236,12 @@ class Tail:
         self.fixed += 4
 
     def add(self, item):
-        if item.startswith("str:"):
+        if item.startswith("strn:"):
+            # a text with its length: "strn:{text}:{length}"
+            text, length = (self.expand(part) for part in item[5:].split(":"))
+            self.texts.append(("n", text, length))
+            self.stmts.append(f"n += vorx_cbk_text_n(t + n, (const char*)({text}), (int)({length}));")
+        elif item.startswith("str:"):
             value = self.expand(item[4:])
             self.texts.append(value)
             self.stmts.append(f"n += vorx_cbk_text(t + n, (const char*)({value}));")
@@ -321,6 +326,13 @@ def emit_fd_list_callback(out, fn, cb, how):
     return cb
 
 
+def text_size(text):
+    """The size term of one text of the tail: a plain text, or ("n", text, length) for a counted one."""
+    if isinstance(text, tuple):
+        return f" + vorx_cbk_text_n_size((const char*)({text[1]}), (int)({text[2]}))"
+    return f" + vorx_cbk_text_size((const char*)({text}))"
+
+
 def emit_callback(out, fn, form, version, items, order):
     cb = f"vorx_tp_{fn.cbk_name}_{'pre' if order == PRE else 'post'}_cbk"
     if items and items[0].startswith("fds:"):
@@ -336,7 +348,7 @@ def emit_callback(out, fn, form, version, items, order):
         out.append(f"  const auto& p = data->params.u_{fn.cname};")
         if tail.texts:
             # texts are measured first: the block on the stack is exactly as long as the record's values
-            size = f"{1 + tail.fixed}u" + "".join(f" + vorx_cbk_text_size((const char*)({t}))" for t in tail.texts)
+            size = f"{1 + tail.fixed}u" + "".join(text_size(t) for t in tail.texts)
             out.append(f"  const uint32_t size = {size};")
             out.append("  uint8_t* t = static_cast<uint8_t*>(__builtin_alloca(size));")
             size = "size"

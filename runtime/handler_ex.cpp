@@ -45,6 +45,16 @@ void gather_set(vorx_fd_vector* v, const fd_set* set, int nfds, uint32_t* count)
     if (FD_ISSET(fd, set)) fd_vector_push(v, (*count)++, (vorx_u32_t)fd);
 }
 
+// Characters of a counted text as a record stores them: up to its NUL, its count and the record's cap.
+uint32_t text_n_length(const char* text, int limit) {
+  if (!text) return 0;
+  uint32_t cap = limit > 0 && static_cast<uint32_t>(limit) < TF_STRING_MAX_CHARS ? static_cast<uint32_t>(limit)
+                                                                                 : TF_STRING_MAX_CHARS;
+  uint32_t n = 0;
+  while (n < cap && text[n]) ++n;
+  return n;
+}
+
 }  // namespace
 
 extern "C" {
@@ -118,6 +128,16 @@ void vorx_cbk_record_lost(const char* callback) {
 uint32_t vorx_cbk_text_size(const char* text) { return 2 + tf_str_stored_len(text); }
 
 uint32_t vorx_cbk_text(uint8_t* d, const char* text) { return tf_put_str16(d, text); }
+
+uint32_t vorx_cbk_text_n_size(const char* text, int limit) { return 2 + text_n_length(text, limit) + 1; }
+
+uint32_t vorx_cbk_text_n(uint8_t* d, const char* text, int limit) {
+  uint32_t length = text_n_length(text, limit);
+  tf_st16(d, static_cast<uint16_t>(length + 1));
+  if (length) memcpy(d + 2, text, length);
+  d[2 + length] = 0;
+  return 2 + length + 1;
+}
 
 uint32_t vorx_cbk_object_id(const void* object) {
   if (!object) return 0;

@@ -66,6 +66,10 @@ static inline uint32_t vorx_cbk_u64(uint8_t* d, uint64_t v) { __builtin_memcpy(d
 /* u16 length and the text under the record rule (at most 8191 characters and the NUL; null: one NUL). */
 uint32_t vorx_cbk_text_size(const char* text);
 uint32_t vorx_cbk_text(uint8_t* d, const char* text);
+/* The same for a text given with its length: at most `limit` bytes of it, or the whole text when `limit` is
+ * 0 or less (the annotation API's convention); it need not end in a NUL. */
+uint32_t vorx_cbk_text_n_size(const char* text, int limit);
+uint32_t vorx_cbk_text_n(uint8_t* d, const char* text, int limit);
 /* The id word of an annotation object (its header's id), 0 for null. */
 uint32_t vorx_cbk_object_id(const void* object);
 

@@ -15,6 +15,7 @@
 #include "vorx_timesource.h"
 #include "vorx_tmu.h"
 
+using vorx::report::Field;
 using vorx::report::Record;
 
 struct ApiRecord {
@@ -24,6 +25,7 @@ struct ApiRecord {
   std::vector<uint8_t> args;  // raw argument bytes behind the version byte
   int version = -1;
   std::vector<std::pair<std::string, uint64_t>> typed;
+  std::vector<std::string> texts;  // typed text values, in order
 };
 
 struct Collector : vorx::report::TraceSink {
@@ -41,6 +43,8 @@ struct Collector : vorx::report::TraceSink {
       else if (f.name == "time") a.time = f.num;
       else if (f.name == "version") a.version = int(f.num);
       else if (f.name == "args") a.args.assign(f.bytes.begin(), f.bytes.end());
+      else if (f.name.starts_with("arg") && f.kind == Field::Kind::Str)
+        a.texts.emplace_back(f.bytes.begin(), f.bytes.end());
       else if (f.name.starts_with("arg")) a.typed.emplace_back(std::string(f.name), f.num);
     }
     api.push_back(std::move(a));

@@ -34,6 +34,7 @@ void vorx_tp_poll_post_cbk(void*, vorx_probe_data_t*);
 void vorx_tp_calloc_post_cbk(void*, vorx_probe_data_t*);
 void vorx_tp___ozk_task_begin_pre_cbk(void*, vorx_probe_data_t*);
 void vorx_tp___ozk_domain_create_post_cbk(void*, vorx_probe_data_t*);
+void vorx_tp___ozk_event_create_post_cbk(void*, vorx_probe_data_t*);
 void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data);
 }
 
@@ -100,6 +101,27 @@ TEST_F(HandlerTest, ReadRecordsDescriptorAndByteCountAndPathsTheirText) {
   EXPECT_EQ(aux.api[2].args.size(), 2u + 1u + 4u);  // a null path is one NUL
   EXPECT_EQ(aux.api[3].version, -1);                // no values: no version byte
   EXPECT_TRUE(aux.api[3].args.empty());
+}
+
+// An event kind is named by the first namelen bytes of its text, which need not end there; 0 takes it all.
+TEST_F(HandlerTest, EventNameIsTheCountedPartOfItsText) {
+  char text[] = {'f', 'r', 'a', 'm', 'e', 'X', 'Y'};  // no NUL within the count
+  data_.params.u___ozk_event_create.__name = text;
+  data_.params.u___ozk_event_create.__namelen = 5;
+  data_.params.u___ozk_event_create.__result = 4;
+  vorx_tp___ozk_event_create_post_cbk(&wsp_, &data_);
+  char whole[] = "whole name";
+  data_.params.u___ozk_event_create.__name = whole;
+  data_.params.u___ozk_event_create.__namelen = 0;
+  vorx_tp___ozk_event_create_post_cbk(&wsp_, &data_);
+
+  Collector aux = read("aux");
+  ASSERT_EQ(aux.api.size(), 2u);
+  ASSERT_EQ(aux.api[0].texts.size(), 1u);
+  EXPECT_EQ(aux.api[0].texts[0], "frame");
+  ASSERT_EQ(aux.api[1].texts.size(), 1u);
+  EXPECT_EQ(aux.api[1].texts[0], "whole name");
+  EXPECT_TRUE(aux.problems.empty());
 }
 
 // Ready descriptors: select walks the three sets in order (a descriptor in two sets counts twice),
