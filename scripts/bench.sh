@@ -14,6 +14,7 @@ for script in "$root"/bench/*/run_bench.sh; do
   echo "== $(basename "$(dirname "$script")")"
   bash "$script" "$build"
 done
+echo "== peers"; bash "$root/bench/peers/run_peers.sh" "$build"  # not a run_bench.sh: it installs the peer tracers
 # Programs built from bench/<folder>/ land in $build/bench; each prints its own table.
 for program in "$build"/bench/*; do
   [ -f "$program" ] && [ -x "$program" ] || continue
