@@ -87,6 +87,7 @@ struct binder_view {
 enum class enter_result { ok, acquired, not_found, closed, other };
 
 inline bool rtl_initialized() { return g_vorx_is_rtl_initialized != 0; }
+inline int* errno_location() { return applibc___errno_location(); }
 inline int errno_get() { return *applibc___errno_location(); }
 inline void errno_set(int e) { *applibc___errno_location() = e; }
 

@@ -66,10 +66,17 @@ struct frame_t {
     int err = 0;                  // the errno that the application must see
     bool callbacks_due = false;   // the pre step ran, post callbacks may follow
     bool cleanup_pushed = false;
+    int* errno_at = nullptr;      // the application's errno of this thread, looked up once per call
     unsigned char cleanup_buffer[glue::cleanup_buffer_size];
 
     typename T::params_t& p() { return T::in(data); }
 };
+
+template <class T>
+inline int& app_errno(frame_t<T>& f) {
+    if (!f.errno_at) f.errno_at = glue::errno_location();
+    return *f.errno_at;
+}
 
 template <class T>
 inline void* own_trampoline(unsigned mod, unsigned ver) {
@@ -119,9 +126,9 @@ inline void leave(frame_t<T>& f, unsigned level) {
 
 template <class T>
 inline void call_original(frame_t<T>& f, void* fn) {
-    glue::errno_set(f.err);
+    app_errno(f) = f.err;
     T::call(fn, f.p());
-    f.err = glue::errno_get();
+    f.err = app_errno(f);
 }
 
 // Remaining time of a timeout: borrows from the seconds and stops at zero.
@@ -220,9 +227,9 @@ inline void call_with_retry(frame_t<T>& f, void* fn) {
     timer.before(f);
     for (;;) {
         if constexpr (T::via_syscall != 0) {
-            glue::errno_set(f.err);
+            app_errno(f) = f.err;
             T::call_syscall(fn, f.p());
-            f.err = glue::errno_get();
+            f.err = app_errno(f);
         } else {
             call_original(f, fn);
         }
@@ -256,9 +263,9 @@ inline void sleep_through_nanosleep(frame_t<T>& f) {
     }
     int rc;
     for (;;) {
-        glue::errno_set(f.err);
+        app_errno(f) = f.err;
         rc = nanosleep_fn(&left, &left);
-        f.err = glue::errno_get();
+        f.err = app_errno(f);
         if (rc == 0 || f.err != EINTR) break;
         glue::key_t key = f.key;
         glue::wsp_t* wsp = nullptr;
@@ -393,7 +400,7 @@ inline bool judge(frame_t<T>& f) {
 template <class T, unsigned M, unsigned V>
 inline typename T::result_t pass_through(frame_t<T>& f, bool entered) {
     if (entered) leave(f, f.old_level);
-    glue::errno_set(f.err);
+    app_errno(f) = f.err;
     if constexpr (T::via_syscall != 0) {
         T::call_syscall(glue::head_trampoline(vorx_pi_syscall), f.p());
     } else {
@@ -404,7 +411,7 @@ inline typename T::result_t pass_through(frame_t<T>& f, bool entered) {
 
 template <class T>
 inline typename T::result_t finish(frame_t<T>& f) {
-    glue::errno_set(f.err);
+    app_errno(f) = f.err;
     if constexpr (!std::is_void_v<typename T::result_t>) return f.p().__result;
 }
 
@@ -448,7 +455,7 @@ template <class T, unsigned M, unsigned V>
 inline typename T::result_t thin_path(typename T::params_t& p) {
     frame_t<T> f;
     T::in(f.data) = p;
-    f.err = glue::errno_get();
+    f.err = app_errno(f);
     if constexpr (T::thin == thin::exit) {
         if (glue::profile_process()) glue::detach_runtime();
         glue::stop_notification_service();
@@ -461,14 +468,14 @@ inline typename T::result_t thin_path(typename T::params_t& p) {
     } else if constexpr (T::thin == thin::getenv) {
         const char* mine = glue::env_getenv(T::env_name(f.p()));
         if (mine) {
-            glue::errno_set(f.err);
+            app_errno(f) = f.err;
             return (char*)mine;
         }
     } else if constexpr (T::thin == thin::syscall) {
         long r = futex_dispatch<T, M, V>(f.p());
         if (r != futex_not_taken) return r;  // the futex wrapper restored errno itself
     }
-    glue::errno_set(f.err);
+    app_errno(f) = f.err;
     T::call(own_trampoline<T>(M, V), f.p());
     if constexpr (!std::is_void_v<typename T::result_t>) return f.p().__result;
 }
@@ -519,7 +526,7 @@ inline typename T::result_t wrap(typename T::params_t& args) {
         if constexpr (T::sleep_unit == 1) {
             if (T::sleep_amount(f.p()) == 0) return pass_through<T, M, V>(f, false);  // sleep(0): nothing at all
         }
-        f.err = glue::errno_get();  // step 3
+        f.err = app_errno(f);  // step 3
         glue::enter_result entered = enter(f, true);  // step 4
         if (entered != glue::enter_result::ok) {
             VORX_WRAPPER_ASSERT(entered == glue::enter_result::acquired || entered == glue::enter_result::not_found);
@@ -557,9 +564,9 @@ inline typename T::result_t wrap(typename T::params_t& args) {
         if constexpr (T::kind == kind::replaced) {
             // steps 9 to 12 belong to the owning subsystem's routine: it decides how (and at which level, with
             // which signals) the original is reached, and stores the result in the probe data
-            glue::errno_set(f.err);
+            app_errno(f) = f.err;
             if (!T::replaced(f.wsp, &f.data, own_trampoline<T>(M, V))) T::call(own_trampoline<T>(M, V), f.p());
-            f.err = glue::errno_get();
+            f.err = app_errno(f);
         } else {
             leave(f, level_original);  // step 9
             call<T, M, V>(f);          // step 10

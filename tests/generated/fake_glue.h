@@ -86,6 +86,7 @@ constexpr unsigned cleanup_buffer_size = 32;
 enum class enter_result { ok, acquired, not_found, closed, other };
 
 inline bool rtl_initialized() { return fake::st().rtl; }
+inline int* errno_location() { return &fake::st().app_errno; }
 inline int errno_get() { return fake::st().app_errno; }
 inline void errno_set(int e) { fake::st().app_errno = e; }
 

@@ -46,6 +46,7 @@ constexpr unsigned cleanup_buffer_size = 32;
 enum class enter_result { ok, acquired, not_found, closed, other };
 
 inline bool rtl_initialized() { return true; }
+inline int* errno_location() { return &handler_glue::st().app_errno; }
 inline int errno_get() { return handler_glue::st().app_errno; }
 inline void errno_set(int e) { handler_glue::st().app_errno = e; }
 
