@@ -114,6 +114,8 @@ bool RunServer::start(uint32_t id, std::string &error) {
 void RunServer::stop() {
   if (!listening_) return;
   stopping_ = true;
+  // wakes the acceptor's poll at once instead of at its next timeout: the run ends without that wait
+  shutdown(server_.socket, SHUT_RDWR);
   if (acceptor_.joinable()) acceptor_.join();
   {
     std::lock_guard lock(connections_mutex_);
