@@ -532,6 +532,7 @@ WRAPPER = """extern "C" VORX_WRAPPER_EXPORT {ret} {name}({params}) {{
     if (__builtin_expect(!vorx::glue::rtl_initialized(), 0))
         return (({cname_t})vorx_probe_row({id}, {versions}, {mod}, {ver})->trampoline)({args});
     vorx_traits_{cname}::params_t p{{{init}}};
+    if (vorx::quick_path<vorx_traits_{cname}, {mod}, {ver}>(p)) return{result};
     {ret_kw}vorx::wrap<vorx_traits_{cname}, {mod}, {ver}>(p);
 }}"""
 
@@ -542,7 +543,8 @@ def wrapper(desc, fn, mod, ver, layout):
     text = WRAPPER.format(ret=desc.spelling(fn.ret), name=name, params=c_params(fn), cname=fn.cname,
                           cname_t='vorx_%s_call_t' % fn.cname, id='vorx_pi_%s' % fn.cname, versions=fn.versions,
                           mod=mod, ver=ver, args=args, ret_kw='return ' if fn.ret != 'void' else '',
-                          init=', '.join([a for a in [args] if a] + (['{}'] if fn.ret != 'void' else [])))
+                          init=', '.join([a for a in [args] if a] + (['{}'] if fn.ret != 'void' else [])),
+                          result=' p.__result' if fn.ret != 'void' else '')
     if fn.attrs.get('thin') == 'syscall':
         text = syscall_dispatch(desc, fn, mod, ver, layout) + text
     return text.split('\n')

@@ -7,22 +7,21 @@
 #include "event_filtering.h"
 #include "vorx_log.h"
 
+extern "C" vorx_u32_t g_vorx_sync_waiters;
+
 namespace {
 
 vorx_filtering_data* as_filtering(void* data) { return static_cast<vorx_filtering_data*>(data); }
 
-// Threads that have a lock object in their block right now. A release finds no waiter while this is 0, so
-// the wrappers of releases skip the walk over all threads (and everything else) then.
-vorx_u32_t g_sync_waiters;
 
 void count_waiter_in(vorx_filtering_data* fd) {
   if (__atomic_exchange_n(&fd->sys_sync.count, 1u, __ATOMIC_ACQ_REL) == 0)
-    __atomic_add_fetch(&g_sync_waiters, 1u, __ATOMIC_ACQ_REL);
+    __atomic_add_fetch(&g_vorx_sync_waiters, 1u, __ATOMIC_ACQ_REL);
 }
 
 void count_waiter_out(vorx_filtering_data* fd) {
   if (__atomic_exchange_n(&fd->sys_sync.count, 0u, __ATOMIC_ACQ_REL) != 0)
-    __atomic_sub_fetch(&g_sync_waiters, 1u, __ATOMIC_ACQ_REL);
+    __atomic_sub_fetch(&g_vorx_sync_waiters, 1u, __ATOMIC_ACQ_REL);
 }
 
 void clear_block(vorx_filtering_data* fd) {
@@ -96,7 +95,11 @@ void vorx_filtering_clear_sync(void* filtering_data) {
   fd->wait_in_progress = 0;
 }
 
-int vorx_sync_waiters_possible(void) { return __atomic_load_n(&g_sync_waiters, __ATOMIC_ACQUIRE) != 0; }
+// Threads that have a lock object in their block right now. A release finds no waiter while this is 0, so
+// the wrappers of releases skip the walk over all threads (and everything else) then; they read it directly.
+vorx_u32_t g_vorx_sync_waiters;
+
+int vorx_sync_waiters_possible(void) { return __atomic_load_n(&g_vorx_sync_waiters, __ATOMIC_ACQUIRE) != 0; }
 
 uint32_t vorx_filtering_user_heap_nesting(void* filtering_data) {
   return filtering_data ? as_filtering(filtering_data)->user_heap : 0;

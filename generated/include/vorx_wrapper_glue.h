@@ -37,6 +37,7 @@ int vorx_filtering_contended(void* filtering_data);
 void vorx_filtering_clear_sync(void* filtering_data);
 uint32_t vorx_filtering_user_heap_nesting(void* filtering_data);
 int vorx_sync_waiters_possible(void);
+extern uint32_t g_vorx_sync_waiters;
 void vorx_user_sync_open(void* wsp, const vorx_probe_data_t* data, void* object);
 void vorx_user_sync_close(void* wsp, void* object, uint64_t* enter_time);
 int vorx_find_sync_waiter(vorx_ts_desc_t* key, void* filtering_data, void* object, int user_sync, uint64_t* since);
@@ -168,7 +169,7 @@ inline void user_sync_open(wsp_t* wsp, const vorx_probe_data_t* data, void* obje
 inline void user_sync_close(wsp_t* wsp, void* object, uint64_t* enter_time) {
     vorx_user_sync_close(wsp, object, enter_time);
 }
-inline bool sync_waiters_possible() { return vorx_sync_waiters_possible() != 0; }
+inline bool sync_waiters_possible() { return __atomic_load_n(&g_vorx_sync_waiters, __ATOMIC_ACQUIRE) != 0; }
 inline bool find_waiter(key_t key, wsp_t* wsp, void* object, bool user, unsigned long long* since) {
     return vorx_find_sync_waiter(key, wsp->filtering_data, object, user ? 1 : 0, (uint64_t*)since) != 0;
 }

@@ -71,6 +71,7 @@ void vorx_filtering_clear_sync(void* filtering_data);
 uint32_t vorx_filtering_user_heap_nesting(void* filtering_data);
 /* 0 while no thread has a lock object in its block: a release then has no waiter to find. */
 int vorx_sync_waiters_possible(void);
+extern vorx_u32_t g_vorx_sync_waiters; /* the count behind it, for the wrappers' quick path */
 /* __ozk_sync_prepare keeps its wait (the probe data of the call) in a free slot of the thread; the close
  * (acquired or cancel) takes it out and gives the open's time in *enter_time, which it leaves alone for an
  * object without a slot. */
