@@ -31,6 +31,16 @@ void vorx_mem_obj_htable_fini(void* table) {
   if (table) vorx_free_object(table);
 }
 
+// The wrappers of frees look into the table before they enter the runtime, so a thread may still be in it
+// when the collection closes: the table stays until the next one is retired (at a later reattach), long
+// after any such look has ended.
+void vorx_mem_obj_htable_retire(void) {
+  static void* retired = nullptr;
+  void* table = __atomic_exchange_n(&g_vorx_mem_obj_htable, nullptr, __ATOMIC_ACQ_REL);
+  vorx_mem_obj_htable_fini(retired);
+  retired = table;
+}
+
 int vorx_mem_obj_htable_insert(void* table, const vorx_configuration* conf, uint64_t size, void* address) {
   if (size == 0 || address == nullptr) return 0;
   if (conf && size < conf->memory_size_threshold) return 0;

@@ -52,8 +52,7 @@ sal_tls_key_t g_workspace_key;
 uint32_t g_pthread_linked_to_exe = vorx_pthr_lnk_to_exe_unknown;
 
 void release_memory_objects() {
-  vorx_mem_obj_htable_fini(g_vorx_mem_obj_htable);
-  g_vorx_mem_obj_htable = nullptr;
+  vorx_mem_obj_htable_retire();
 }
 
 bool has_collection(uint32_t collection) {

@@ -82,8 +82,7 @@ extern "C" vorx_u32_t vorx_detach(void *global) {
   vorx_unlink_callback_tables();
   if (!g_vorx_client || vorx_client_notify(g_vorx_client, vorx_command_end) != vorx_er_success)
     report_client_failure("on detaching from the collection");
-  vorx_mem_obj_htable_fini(g_vorx_mem_obj_htable);
-  g_vorx_mem_obj_htable = nullptr;
+  vorx_mem_obj_htable_retire();
   vorx_reset_process_trace_counter();
   vorx_set_ctrl_c_handler(0);
   vorx_log(vorx_log_level_trace, "vorx_detach(): done");

@@ -182,10 +182,9 @@ inline unsigned long long round_to_pages(unsigned long long size) {
 inline bool heap_insert(unsigned long long size, void* block) {
     return vorx_mem_obj_htable_insert(g_vorx_mem_obj_htable, g_vorx_conf, size, block) != 0;
 }
-inline bool heap_table_present() { return g_vorx_mem_obj_htable != nullptr; }
-inline bool heap_known(void* block) {
-    return block && vorx_htable_contains(static_cast<const vorx_htable*>(g_vorx_mem_obj_htable),
-                                         (uint32_t)(uintptr_t)block);
+inline void* heap_table() { return __atomic_load_n(&g_vorx_mem_obj_htable, __ATOMIC_ACQUIRE); }
+inline bool heap_known(void* table, void* block) {
+    return block && vorx_htable_contains(static_cast<const vorx_htable*>(table), (uint32_t)(uintptr_t)block);
 }
 inline bool heap_delete(void* block) { return vorx_mem_obj_htable_delete(g_vorx_mem_obj_htable, block) != 0; }
 

@@ -500,7 +500,8 @@ inline bool needs_no_record(const typename T::params_t& p) {
         if (size < glue::memory_size_threshold()) return true;
     }
     if constexpr (T::kind == kind::heap && T::heap_frees && !T::heap_sized) {
-        if (glue::heap_table_present() && !glue::heap_known(T::heap_released(p))) return true;
+        void* table = glue::heap_table();  // read once: the collection's end takes it away
+        if (table && !glue::heap_known(table, T::heap_released(p))) return true;
     }
     return false;
 }

@@ -109,6 +109,8 @@ vorx_u32_t vorx_mem_obj_htable_init(const vorx_configuration* conf, void** out_t
 void vorx_mem_obj_htable_fini(void* table);
 int vorx_mem_obj_htable_insert(void* table, const vorx_configuration* conf, uint64_t size, void* address);
 int vorx_mem_obj_htable_delete(void* table, void* address);
+/* Takes the table out of use at the collection's end; its memory goes at the next retire. */
+void vorx_mem_obj_htable_retire(void);
 
 #ifdef __cplusplus
 }
