@@ -209,6 +209,14 @@ class LockWaits(Traced):
         self.assertLessEqual(total, 1.1 * slept + 0.01, (total, slept))
         self.assertEqual(on(private.group(1)), [], "a lock no other thread took has a wait record")
 
+        # Releases are reported only when they found a thread waiting: every unlock record is one of the
+        # contended mutex, none of the private one.
+        unlocked = re.findall(r"function=pthread_mutex_unlock .*?args=\[8x1\]([0-9a-f]{8})",
+                              self.report("--dump", results))
+        objects = {int.from_bytes(bytes.fromhex(word), "little") for word in unlocked}
+        self.assertTrue(1 <= len(unlocked) <= 20, unlocked)
+        self.assertEqual(objects, {int(contended.group(1), 16)})
+
     def test_pigz_threads_and_condition_waits(self):
         data = os.path.join(self.dir, "data.bin")
         with open(data, "wb") as f:
