@@ -67,6 +67,7 @@ struct frame_t {
     bool callbacks_due = false;   // the pre step ran, post callbacks may follow
     bool cleanup_pushed = false;
     int* errno_at = nullptr;      // the application's errno of this thread, looked up once per call
+    unsigned mod = 0, ver = 0;    // the row: module and version index
     unsigned char cleanup_buffer[glue::cleanup_buffer_size];
 
     typename T::params_t& p() { return T::in(data); }
@@ -86,7 +87,7 @@ inline void* own_trampoline(unsigned mod, unsigned ver) {
 // ---------------------------------------------------------------- steps 1, 4, 5, 9, 16
 
 // The arguments are in the frame already (the paths that never measure need nothing else).
-template <class T, unsigned M, unsigned V>
+template <class T>
 inline void set_up(frame_t<T>& f) {
     // field by field: a memset of the block compiles to a string store, slow to start on a hot path
     vorx_probe_locals_t& l = f.data.locals;
@@ -96,8 +97,8 @@ inline void set_up(frame_t<T>& f) {
     f.data.next_wait = nullptr;
     f.data.locals.state = state_unread;
     f.data.locals.stack_policy = stack_full;
-    f.data.locals.mod = M;
-    f.data.locals.ver = V;
+    f.data.locals.mod = f.mod;
+    f.data.locals.ver = f.ver;
     f.data.locals.context = f.context;
     f.data.locals.stack_args = __builtin_frame_address(0);
     f.data.locals.to_aux_tmu = T::to_aux ? 1 : 0;
@@ -286,7 +287,7 @@ inline void sleep_through_nanosleep(frame_t<T>& f) {
     }
 }
 
-template <class T, unsigned M, unsigned V>
+template <class T>
 inline void call(frame_t<T>& f) {
     if constexpr (T::sleep_unit != 0) {
         sleep_through_nanosleep(f);
@@ -294,9 +295,9 @@ inline void call(frame_t<T>& f) {
         VORX_WRAPPER_ASSERT(glue::head_trampoline(vorx_pi_syscall) != nullptr);
         call_with_retry(f, glue::head_trampoline(vorx_pi_syscall));
     } else if constexpr (T::kind == kind::wait_retry) {
-        call_with_retry(f, own_trampoline<T>(M, V));
+        call_with_retry(f, own_trampoline<T>(f.mod, f.ver));
     } else {
-        call_original(f, own_trampoline<T>(M, V));
+        call_original(f, own_trampoline<T>(f.mod, f.ver));
     }
 }
 
@@ -401,14 +402,14 @@ inline bool judge(frame_t<T>& f) {
 // ---------------------------------------------------------------- the kinds
 
 // Pass-through (step 5): the thread is not measured here; the signals it deferred are completed.
-template <class T, unsigned M, unsigned V>
+template <class T>
 inline typename T::result_t pass_through(frame_t<T>& f, bool entered) {
     if (entered) leave(f, f.old_level);
     app_errno(f) = f.err;
     if constexpr (T::via_syscall != 0) {
         T::call_syscall(glue::head_trampoline(vorx_pi_syscall), f.p());
     } else {
-        T::call(own_trampoline<T>(M, V), f.p());
+        T::call(own_trampoline<T>(f.mod, f.ver), f.p());
     }
     if constexpr (!std::is_void_v<typename T::result_t>) return f.p().__result;
 }
@@ -531,42 +532,44 @@ template <class T, unsigned M, unsigned V>
     }
 }
 
-template <class T, unsigned M, unsigned V>
-[[gnu::noinline]] typename T::result_t wrap(typename T::params_t& args) {
-    if constexpr (T::kind == kind::thin) {
-        return thin_path<T, M, V>(args);
-    } else {
+// Everything that may enter the collector. One body per function, not per row: the row comes as values, so
+// that the code of the ~330 wrapped functions is made once each and not for every module and version.
+template <class T>
+[[gnu::noinline]] typename T::result_t measure(typename T::params_t& args, unsigned mod, unsigned ver) {
+    {
         frame_t<T> f;
+        f.mod = mod;
+        f.ver = ver;
         T::in(f.data) = args;
         if constexpr (T::sleep_unit == 1) {
-            if (T::sleep_amount(f.p()) == 0) return pass_through<T, M, V>(f, false);  // sleep(0): nothing at all
+            if (T::sleep_amount(f.p()) == 0) return pass_through<T>(f, false);  // sleep(0): nothing at all
         }
         f.err = app_errno(f);  // step 3
         glue::enter_result entered = enter(f, true);  // step 4
         if (entered != glue::enter_result::ok) {
             VORX_WRAPPER_ASSERT(entered == glue::enter_result::acquired || entered == glue::enter_result::not_found);
-            return pass_through<T, M, V>(f, false);
+            return pass_through<T>(f, false);
         }
-        set_up<T, M, V>(f);  // step 1, done once it is known that the thread is measured here
+        set_up<T>(f);  // step 1, done once it is known that the thread is measured here
         // step 5
         if (f.old_level == level_original) {
             glue::is_runtime_in_nested_original(glue::incomplete_wait(f.wsp), T::id, f.wsp);
-            return pass_through<T, M, V>(f, true);
+            return pass_through<T>(f, true);
         }
         if constexpr (T::contention) VORX_WRAPPER_ASSERT(f.old_level != level_runtime);
-        if (f.old_level != level_application) return pass_through<T, M, V>(f, true);
+        if (f.old_level != level_application) return pass_through<T>(f, true);
         if constexpr (T::wakes != wakes::none) {
-            if (glue::conf_state() != 1) return pass_through<T, M, V>(f, true);
+            if (glue::conf_state() != 1) return pass_through<T>(f, true);
         }
         if constexpr (T::usync == usync::open) {
             // the wait is the time until the matching close: it lives in the thread's slots, not on this frame
             pre_times(f);
             glue::user_sync_open(f.wsp, &f.data, T::object(f.p()));
-            return pass_through<T, M, V>(f, true);
+            return pass_through<T>(f, true);
         }
         bool released_known = false;
         if constexpr (T::kind == kind::heap) {
-            if (!heap_pre_filter(f)) return pass_through<T, M, V>(f, true);
+            if (!heap_pre_filter(f)) return pass_through<T>(f, true);
             if constexpr (T::heap_frees) released_known = glue::heap_delete(T::heap_released(f.p()));
         }
         if constexpr (T::contention) {
@@ -580,11 +583,12 @@ template <class T, unsigned M, unsigned V>
             // steps 9 to 12 belong to the owning subsystem's routine: it decides how (and at which level, with
             // which signals) the original is reached, and stores the result in the probe data
             app_errno(f) = f.err;
-            if (!T::replaced(f.wsp, &f.data, own_trampoline<T>(M, V))) T::call(own_trampoline<T>(M, V), f.p());
+            void* trampoline = own_trampoline<T>(f.mod, f.ver);
+            if (!T::replaced(f.wsp, &f.data, trampoline)) T::call(trampoline, f.p());
             f.err = app_errno(f);
         } else {
             leave(f, level_original);  // step 9
-            call<T, M, V>(f);          // step 10
+            call<T>(f);          // step 10
             if constexpr (waits) pop_cleanup(f);  // step 11
             glue::enter_result again = enter(f, false);  // step 12
             if (again != glue::enter_result::ok) {
@@ -616,6 +620,15 @@ template <class T, unsigned M, unsigned V>
         if (report) run_callbacks(f, vorx_or_post);  // step 15
         leave(f, f.old_level);                        // step 16
         return finish(f);
+    }
+}
+
+template <class T, unsigned M, unsigned V>
+inline typename T::result_t wrap(typename T::params_t& args) {
+    if constexpr (T::kind == kind::thin) {
+        return thin_path<T, M, V>(args);
+    } else {
+        return measure<T>(args, M, V);
     }
 }
 
