@@ -220,14 +220,13 @@ inline bool interrupted(frame_t<T>& f) {
 
 // Step 10 with the restart: a call that the collector's own signal broke is made again, so that the
 // application never sees that EINTR; an interruption by the application's signals is handed on.
+// The flag of the collector's signal was cleared before the wrapper left for the call (clear_before_call);
+// after the call it is looked at only when the call was broken, so a call that simply returns costs no
+// further enter.
 template <class T>
 inline void call_with_retry(frame_t<T>& f, void* fn) {
     glue::key_t key = f.key;  // the thread's descriptor from the first enter: no lookup by thread again
     glue::wsp_t* wsp = nullptr;
-    if (glue::enter(key, wsp) == glue::enter_result::ok) {
-        glue::clear_internal_signal(wsp);
-        glue::release(key);
-    }
     timeout_keeper<T> timer;
     timer.before(f);
     for (;;) {
@@ -238,8 +237,9 @@ inline void call_with_retry(frame_t<T>& f, void* fn) {
         } else {
             call_original(f, fn);
         }
+        if (!interrupted(f)) break;
         if (glue::enter(key, wsp) != glue::enter_result::ok) break;
-        if (!interrupted(f) || !glue::internal_signal_arrived(wsp)) {
+        if (!glue::internal_signal_arrived(wsp)) {
             glue::release(key);
             break;
         }
@@ -285,6 +285,14 @@ inline void sleep_through_nanosleep(frame_t<T>& f) {
     } else {
         f.p().__result = rc;
     }
+}
+
+// Calls that restart after the collector's own signal start with its flag cleared; the thread is still
+// entered here, so this costs no enter of its own.
+template <class T>
+inline void clear_before_call(frame_t<T>& f) {
+    if constexpr (T::sleep_unit == 0 && (T::via_syscall != 0 || T::kind == kind::wait_retry))
+        glue::clear_internal_signal(f.wsp);
 }
 
 template <class T>
@@ -587,6 +595,7 @@ template <class T>
             if (!T::replaced(f.wsp, &f.data, trampoline)) T::call(trampoline, f.p());
             f.err = app_errno(f);
         } else {
+            clear_before_call(f);
             leave(f, level_original);  // step 9
             call<T>(f);          // step 10
             if constexpr (waits) pop_cleanup(f);  // step 11
