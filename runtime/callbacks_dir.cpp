@@ -75,6 +75,12 @@ void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* 
     if (vorx_callback_t callback = table->entries[index]) callback(wsp, data);
 }
 
+int vorx_directory_has_callbacks(uint32_t index) {
+  for (vorx_callback_table* table = g_vorx_callbacks_dir; table; table = table->next)
+    if (table->entries[index]) return 1;
+  return 0;
+}
+
 void vorx_unlink_callback_tables(void) {
   vorx_callback_table* table = g_vorx_callbacks_dir;
   g_vorx_callbacks_dir = nullptr;

@@ -47,6 +47,7 @@ int vorx_mem_obj_htable_insert(void* table, const vorx_configuration* conf, uint
 int vorx_mem_obj_htable_delete(void* table, void* address);
 // the callback directory
 void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data);
+int vorx_directory_has_callbacks(uint32_t index);
 // thin members
 void vorx_detach_runtime(void);
 void vorx_stop_notification_service(void);
@@ -147,6 +148,7 @@ inline void run_callbacks(unsigned index, wsp_t* wsp, vorx_probe_data_t* data) {
     VORX_ASSERT(index < VORX_CALLBACK_ENTRIES);
     vorx_run_directory_callbacks(index, wsp, data);
 }
+inline bool has_callbacks(unsigned index) { return vorx_directory_has_callbacks(index) != 0; }
 inline int update_parent_probe_params() { return vorx_update_parent_probe_params(); }
 inline void update_nested_probe_params(vorx_probe_data_t* d, vorx_probe_data_t* w) {
     vorx_update_nested_probe_params(d, w);

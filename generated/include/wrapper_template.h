@@ -615,7 +615,9 @@ template <class T>
         } else if constexpr (waits) {
             if (report) report = judge(f);              // step 13
             if (!pop_wait(f)) report = false;           // step 14
-        } else {
+        } else if (report && glue::has_callbacks(VORX_CALLBACK_INDEX(T::id, f.data.locals.state, vorx_or_post))) {
+            // only a post callback reads the end of an event: most annotation calls make one point record
+            // before the call and need no second clock read
             f.data.locals.leave_time = glue::now();
         }
         if constexpr (T::wakes != wakes::none && T::own_wait) {

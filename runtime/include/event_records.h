@@ -32,6 +32,8 @@ extern const vorx_callback_t g_vorx_ss_cbks_generated[VORX_CALLBACK_ENTRIES];
 
 /* Runs entry `index` of every linked table. */
 void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data);
+/* 1 when some table of the directory has a callback at index. */
+int vorx_directory_has_callbacks(uint32_t index);
 
 /* Applies the filter of collection_types (bitmap words of the configuration) to the table and links it
  * into the directory; 1 linked, 0 left out because no id of it is active. */
