@@ -89,7 +89,9 @@ struct vorx_tmu {
   vorx_tmu_writer_t *writer;
   void (*writer_destroy)(vorx_tmu_writer_t *w);
   vorx_mutex_t mutex; /* set up and torn down with the others; free for future use */
-  vorx_mutex_t buffer_lock;
+  /* taken for every record: a word of the unit's own rather than a C library mutex, which the collector
+   * reaches only through its namespace layer (see unit_lock in tmu.c) */
+  volatile vorx_u32_t buffer_lock;
   vorx_mutex_t spill_lock;
   vorx_u8_t locked;
   volatile vorx_u8_t writer_ready;

@@ -10,6 +10,18 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <time.h>
+#include <sched.h>
+
+/* The lock of a unit's active buffer. Its holder does a few stores, or at worst writes one buffer out;
+ * units of one thread are almost never contended (the end of the process spills them from another thread),
+ * so a waiter just yields until the word is free. */
+static void unit_lock(volatile vorx_u32_t *word)
+{
+  while (__atomic_exchange_n(word, 1u, __ATOMIC_ACQUIRE) != 0)
+    while (__atomic_load_n(word, __ATOMIC_RELAXED) != 0) sched_yield();
+}
+
+static void unit_unlock(volatile vorx_u32_t *word) { __atomic_store_n(word, 0u, __ATOMIC_RELEASE); }
 
 SAL_DEFINE_ASSERT_ROUTINE(vorx_tmu)
 
@@ -134,11 +146,11 @@ static int spill_locked(vorx_tmu_t *tmu)
 
 static int tmu_spill(vorx_tmu_t *tmu)
 {
-  vorx_mutex_lock(&tmu->buffer_lock);
+  unit_lock(&tmu->buffer_lock);
   vorx_mutex_lock(&tmu->spill_lock);
   int res = spill_locked(tmu);
   vorx_mutex_unlock(&tmu->spill_lock);
-  vorx_mutex_unlock(&tmu->buffer_lock);
+  unit_unlock(&tmu->buffer_lock);
   return res;
 }
 
@@ -148,7 +160,7 @@ static int tmu_spill(vorx_tmu_t *tmu)
  * with the content kept; the descriptors keep their size. */
 static void resize(vorx_tmu_t *tmu, vorx_u32_t size)
 {
-  vorx_mutex_lock(&tmu->buffer_lock);
+  unit_lock(&tmu->buffer_lock);
   vorx_mutex_lock(&tmu->spill_lock);
   if (tmu->mode == vorx_tmu_mode_ring) {
     /* Only growth: a ring keeps its history, and a smaller block could not hold it. */
@@ -165,7 +177,7 @@ static void resize(vorx_tmu_t *tmu, vorx_u32_t size)
     pool_rebuild(tmu, tmu->pool.buf_num, size);
   }
   vorx_mutex_unlock(&tmu->spill_lock);
-  vorx_mutex_unlock(&tmu->buffer_lock);
+  unit_unlock(&tmu->buffer_lock);
 }
 
 /* ------------------------------------------------------------------ ring mode */
@@ -270,7 +282,7 @@ static int reserve_after_spill(vorx_tmu_t *tmu, vorx_tmu_buffer_t *active, vorx_
   active->write_ptr = active->head; /* a writer that can't open loses the buffer here */
   take_room(tmu, active, size, record, buffer);
   vorx_mutex_unlock(&tmu->spill_lock);
-  vorx_mutex_unlock(&tmu->buffer_lock);
+  unit_unlock(&tmu->buffer_lock);
   return res;
 }
 
@@ -284,7 +296,7 @@ static int reserve_after_switch(vorx_tmu_t *tmu, vorx_tmu_buffer_t *active, vorx
   vorx_tmu_buffer_t *next = &tmu->pool.buffs[tmu->pool.active];
   TMU_ASSERT(buffer_empty(next));
   take_room(tmu, next, size, record, buffer);
-  vorx_mutex_unlock(&tmu->buffer_lock);
+  unit_unlock(&tmu->buffer_lock);
   wait_confirmations(active);
   int res = write_buffer(tmu, active);
   active->write_ptr = active->head;
@@ -296,7 +308,7 @@ int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_
 {
   TMU_ASSERT((size) != 0);
   if (size >= tmu->pool.buffs[0].size) grow_for_record(tmu, size);
-  vorx_mutex_lock(&tmu->buffer_lock);
+  unit_lock(&tmu->buffer_lock);
   vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
   if (tmu->mode == vorx_tmu_mode_ring && buffer_empty(active)) {
     TMU_ASSERT(((active)->write_ptr == (active)->head));
@@ -312,7 +324,7 @@ int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_
     active = &tmu->pool.buffs[tmu->pool.active];
   }
   take_room(tmu, active, size, record, buffer);
-  vorx_mutex_unlock(&tmu->buffer_lock);
+  unit_unlock(&tmu->buffer_lock);
   return 1;
 }
 
@@ -437,7 +449,7 @@ void vorx_tmu_set_mode(vorx_tmu_t *tmu, vorx_u32_t mode)
   if (tmu->mode == mode) return;
   tmu->spill(tmu);
   while (tmu->writer && !__atomic_load_n(&tmu->writer_ready, __ATOMIC_ACQUIRE)) vorx_tmu_sleep_poll();
-  vorx_mutex_lock(&tmu->buffer_lock);
+  unit_lock(&tmu->buffer_lock);
   vorx_mutex_lock(&tmu->spill_lock);
   vorx_u32_t size = tmu->pool.buffs[0].size;
   if (mode == vorx_tmu_mode_ring) {
@@ -452,7 +464,7 @@ void vorx_tmu_set_mode(vorx_tmu_t *tmu, vorx_u32_t mode)
   }
   tmu->mode = mode;
   vorx_mutex_unlock(&tmu->spill_lock);
-  vorx_mutex_unlock(&tmu->buffer_lock);
+  unit_unlock(&tmu->buffer_lock);
 }
 
 /* ------------------------------------------------------------------ the list and the limit */
@@ -537,7 +549,7 @@ static vorx_tmu_t *unit_create(vorx_u32_t type)
   obj->encode_data = g_encode_data_cb;
   install_idle(obj);
   vorx_mutex_init(&obj->mutex);
-  vorx_mutex_init(&obj->buffer_lock);
+  obj->buffer_lock = 0;
   vorx_mutex_init(&obj->spill_lock);
   list_append(obj);
   vorx_mutex_unlock(&g_tmu_list_mutex);
@@ -549,7 +561,7 @@ static void unit_release(vorx_tmu_t *tmu, int spill)
 {
   if (spill) tmu->spill(tmu);
   install_idle(tmu);
-  vorx_mutex_lock(&tmu->buffer_lock);
+  unit_lock(&tmu->buffer_lock);
   vorx_mutex_lock(&tmu->spill_lock);
   writer_close_destroy(tmu);
   if (tmu->mode != vorx_tmu_mode_ring) consumption_sub((vorx_u64_t)pool_bytes(tmu));
@@ -558,9 +570,8 @@ static void unit_release(vorx_tmu_t *tmu, int spill)
   tmu->pool.buffs = NULL;
   tmu->pool.buf_num = 0;
   vorx_mutex_unlock(&tmu->spill_lock);
-  vorx_mutex_unlock(&tmu->buffer_lock);
+  unit_unlock(&tmu->buffer_lock);
   vorx_mutex_destroy(&tmu->mutex);
-  vorx_mutex_destroy(&tmu->buffer_lock);
   vorx_mutex_destroy(&tmu->spill_lock);
 }
 
