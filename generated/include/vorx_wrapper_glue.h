@@ -90,8 +90,6 @@ enum class enter_result { ok, acquired, not_found, closed, other };
 
 inline bool rtl_initialized() { return g_vorx_is_rtl_initialized != 0; }
 inline int* errno_location() { return applibc___errno_location(); }
-inline int errno_get() { return *applibc___errno_location(); }
-inline void errno_set(int e) { *applibc___errno_location() = e; }
 
 inline enter_result enter(key_t& key, wsp_t*& wsp) {
     void* data = nullptr;

@@ -439,13 +439,17 @@ inline bool wake_report(frame_t<T>& f) {
     return found;
 }
 
+// The size the filter and the object table see: mmap and its like count whole pages.
 template <class T>
-inline bool heap_pre_filter(frame_t<T>& f) {
-    if constexpr (T::heap_sized) {
-        unsigned long long size = T::heap_size(f.p());
-        if constexpr (T::heap_page_rounded) size = glue::round_to_pages(size);
-        return size >= glue::memory_size_threshold();
-    }
+inline unsigned long long heap_block_size(const typename T::params_t& p) {
+    unsigned long long size = T::heap_size(p);
+    if constexpr (T::heap_page_rounded) size = glue::round_to_pages(size);
+    return size;
+}
+
+template <class T>
+inline bool heap_pre_filter(const typename T::params_t& p) {
+    if constexpr (T::heap_sized) return heap_block_size<T>(p) >= glue::memory_size_threshold();
     return true;
 }
 
@@ -456,9 +460,7 @@ inline bool heap_post(frame_t<T>& f, bool released_known) {
     if constexpr (T::heap_sized) {
         void* block = T::heap_object(f.p());
         if (block == nullptr || glue::user_heap_nesting(f.wsp) != 0) return false;
-        unsigned long long size = T::heap_size(f.p());
-        if constexpr (T::heap_page_rounded) size = glue::round_to_pages(size);
-        return glue::heap_insert(size, block) || released_known;
+        return glue::heap_insert(heap_block_size<T>(f.p()), block) || released_known;
     }
     return released_known;
 }
@@ -504,9 +506,7 @@ inline bool needs_no_record(const typename T::params_t& p) {
         if (!T::own_wait && glue::contention_filter_on() && !glue::sync_waiters_possible()) return true;
     }
     if constexpr (T::kind == kind::heap && T::heap_sized && !T::heap_frees) {
-        unsigned long long size = T::heap_size(p);
-        if constexpr (T::heap_page_rounded) size = glue::round_to_pages(size);
-        if (size < glue::memory_size_threshold()) return true;
+        if (!heap_pre_filter<T>(p)) return true;
     }
     if constexpr (T::kind == kind::heap && T::heap_frees && !T::heap_sized) {
         void* table = glue::heap_table();  // read once: the collection's end takes it away
@@ -544,94 +544,92 @@ template <class T, unsigned M, unsigned V>
 // that the code of the ~330 wrapped functions is made once each and not for every module and version.
 template <class T>
 [[gnu::noinline]] typename T::result_t measure(typename T::params_t& args, unsigned mod, unsigned ver) {
-    {
-        frame_t<T> f;
-        f.mod = mod;
-        f.ver = ver;
-        T::in(f.data) = args;
-        if constexpr (T::sleep_unit == 1) {
-            if (T::sleep_amount(f.p()) == 0) return pass_through<T>(f, false);  // sleep(0): nothing at all
-        }
-        f.err = app_errno(f);  // step 3
-        glue::enter_result entered = enter(f, true);  // step 4
-        if (entered != glue::enter_result::ok) {
-            VORX_WRAPPER_ASSERT(entered == glue::enter_result::acquired || entered == glue::enter_result::not_found);
-            return pass_through<T>(f, false);
-        }
-        set_up<T>(f);  // step 1, done once it is known that the thread is measured here
-        // step 5
-        if (f.old_level == level_original) {
-            glue::is_runtime_in_nested_original(glue::incomplete_wait(f.wsp), T::id, f.wsp);
-            return pass_through<T>(f, true);
-        }
-        if constexpr (T::contention) VORX_WRAPPER_ASSERT(f.old_level != level_runtime);
-        if (f.old_level != level_application) return pass_through<T>(f, true);
-        if constexpr (T::wakes != wakes::none) {
-            if (glue::conf_state() != 1) return pass_through<T>(f, true);
-        }
-        if constexpr (T::usync == usync::open) {
-            // the wait is the time until the matching close: it lives in the thread's slots, not on this frame
-            pre_times(f);
-            glue::user_sync_open(f.wsp, &f.data, T::object(f.p()));
-            return pass_through<T>(f, true);
-        }
-        bool released_known = false;
-        if constexpr (T::kind == kind::heap) {
-            if (!heap_pre_filter(f)) return pass_through<T>(f, true);
-            if constexpr (T::heap_frees) released_known = glue::heap_delete(T::heap_released(f.p()));
-        }
-        if constexpr (T::contention) {
-            if (glue::contention_filter_on()) glue::push_sync(f.wsp, T::object(f.p()));
-        }
-        pre(f);  // steps 6, 7
-        constexpr bool waits = T::kind == kind::wait || T::kind == kind::wait_retry;
-        if constexpr (waits) push_wait(f);  // step 8
-
-        if constexpr (T::kind == kind::replaced) {
-            // steps 9 to 12 belong to the owning subsystem's routine: it decides how (and at which level, with
-            // which signals) the original is reached, and stores the result in the probe data
-            app_errno(f) = f.err;
-            void* trampoline = own_trampoline<T>(f.mod, f.ver);
-            if (!T::replaced(f.wsp, &f.data, trampoline)) T::call(trampoline, f.p());
-            f.err = app_errno(f);
-        } else {
-            clear_before_call(f);
-            leave(f, level_original);  // step 9
-            call<T>(f);          // step 10
-            if constexpr (waits) pop_cleanup(f);  // step 11
-            glue::enter_result again = enter(f, false);  // step 12
-            if (again != glue::enter_result::ok) {
-                VORX_WRAPPER_ASSERT(again == glue::enter_result::acquired || again == glue::enter_result::not_found ||
-                                    again == glue::enter_result::closed);
-                return finish(f);
-            }
-        }
-        bool report = f.callbacks_due;
-        if constexpr (T::usync == usync::close) {
-            // the record of a user wait runs from its open, and is made whatever its length
-            f.data.locals.leave_time = glue::now();
-            glue::user_sync_close(f.wsp, T::object(f.p()), &f.data.locals.enter_time);
-            if (!pop_wait(f)) report = false;
-        } else if constexpr (waits) {
-            if (report) report = judge(f);              // step 13
-            if (!pop_wait(f)) report = false;           // step 14
-        } else if (report && glue::has_callbacks(VORX_CALLBACK_INDEX(T::id, f.data.locals.state, vorx_or_post))) {
-            // only a post callback reads the end of an event: most annotation calls make one point record
-            // before the call and need no second clock read
-            f.data.locals.leave_time = glue::now();
-        }
-        if constexpr (T::wakes != wakes::none && T::own_wait) {
-            if (report && glue::contention_filter_on() && glue::sync_waiters_possible()) wake_report(f);
-        } else if constexpr (T::wakes != wakes::none) {
-            if (report) report = wake_report(f);
-        }
-        if constexpr (T::kind == kind::heap) {
-            if (report) report = heap_post(f, released_known);
-        }
-        if (report) run_callbacks(f, vorx_or_post);  // step 15
-        leave(f, f.old_level);                        // step 16
-        return finish(f);
+    frame_t<T> f;
+    f.mod = mod;
+    f.ver = ver;
+    T::in(f.data) = args;
+    if constexpr (T::sleep_unit == 1) {
+        if (T::sleep_amount(f.p()) == 0) return pass_through<T>(f, false);  // sleep(0): nothing at all
     }
+    f.err = app_errno(f);  // step 3
+    glue::enter_result entered = enter(f, true);  // step 4
+    if (entered != glue::enter_result::ok) {
+        VORX_WRAPPER_ASSERT(entered == glue::enter_result::acquired || entered == glue::enter_result::not_found);
+        return pass_through<T>(f, false);
+    }
+    set_up<T>(f);  // step 1, done once it is known that the thread is measured here
+    // step 5
+    if (f.old_level == level_original) {
+        glue::is_runtime_in_nested_original(glue::incomplete_wait(f.wsp), T::id, f.wsp);
+        return pass_through<T>(f, true);
+    }
+    if constexpr (T::contention) VORX_WRAPPER_ASSERT(f.old_level != level_runtime);
+    if (f.old_level != level_application) return pass_through<T>(f, true);
+    if constexpr (T::wakes != wakes::none) {
+        if (glue::conf_state() != 1) return pass_through<T>(f, true);
+    }
+    if constexpr (T::usync == usync::open) {
+        // the wait is the time until the matching close: it lives in the thread's slots, not on this frame
+        pre_times(f);
+        glue::user_sync_open(f.wsp, &f.data, T::object(f.p()));
+        return pass_through<T>(f, true);
+    }
+    bool released_known = false;
+    if constexpr (T::kind == kind::heap) {
+        if (!heap_pre_filter<T>(f.p())) return pass_through<T>(f, true);
+        if constexpr (T::heap_frees) released_known = glue::heap_delete(T::heap_released(f.p()));
+    }
+    if constexpr (T::contention) {
+        if (glue::contention_filter_on()) glue::push_sync(f.wsp, T::object(f.p()));
+    }
+    pre(f);  // steps 6, 7
+    constexpr bool waits = T::kind == kind::wait || T::kind == kind::wait_retry;
+    if constexpr (waits) push_wait(f);  // step 8
+
+    if constexpr (T::kind == kind::replaced) {
+        // steps 9 to 12 belong to the owning subsystem's routine: it decides how (and at which level, with
+        // which signals) the original is reached, and stores the result in the probe data
+        app_errno(f) = f.err;
+        void* trampoline = own_trampoline<T>(f.mod, f.ver);
+        if (!T::replaced(f.wsp, &f.data, trampoline)) T::call(trampoline, f.p());
+        f.err = app_errno(f);
+    } else {
+        clear_before_call(f);
+        leave(f, level_original);  // step 9
+        call<T>(f);                // step 10
+        if constexpr (waits) pop_cleanup(f);  // step 11
+        glue::enter_result again = enter(f, false);  // step 12
+        if (again != glue::enter_result::ok) {
+            VORX_WRAPPER_ASSERT(again == glue::enter_result::acquired || again == glue::enter_result::not_found ||
+                                again == glue::enter_result::closed);
+            return finish(f);
+        }
+    }
+    bool report = f.callbacks_due;
+    if constexpr (T::usync == usync::close) {
+        // the record of a user wait runs from its open, and is made whatever its length
+        f.data.locals.leave_time = glue::now();
+        glue::user_sync_close(f.wsp, T::object(f.p()), &f.data.locals.enter_time);
+        if (!pop_wait(f)) report = false;
+    } else if constexpr (waits) {
+        if (report) report = judge(f);              // step 13
+        if (!pop_wait(f)) report = false;           // step 14
+    } else if (report && glue::has_callbacks(VORX_CALLBACK_INDEX(T::id, f.data.locals.state, vorx_or_post))) {
+        // only a post callback reads the end of an event: most annotation calls make one point record
+        // before the call and need no second clock read
+        f.data.locals.leave_time = glue::now();
+    }
+    if constexpr (T::wakes != wakes::none && T::own_wait) {
+        if (report && glue::contention_filter_on() && glue::sync_waiters_possible()) wake_report(f);
+    } else if constexpr (T::wakes != wakes::none) {
+        if (report) report = wake_report(f);
+    }
+    if constexpr (T::kind == kind::heap) {
+        if (report) report = heap_post(f, released_known);
+    }
+    if (report) run_callbacks(f, vorx_or_post);  // step 15
+    leave(f, f.old_level);                        // step 16
+    return finish(f);
 }
 
 template <class T, unsigned M, unsigned V>

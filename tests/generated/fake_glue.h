@@ -87,8 +87,6 @@ enum class enter_result { ok, acquired, not_found, closed, other };
 
 inline bool rtl_initialized() { return fake::st().rtl; }
 inline int* errno_location() { return &fake::st().app_errno; }
-inline int errno_get() { return fake::st().app_errno; }
-inline void errno_set(int e) { fake::st().app_errno = e; }
 
 inline enter_result enter(key_t& key, wsp_t*& wsp) {
     auto& s = fake::st();

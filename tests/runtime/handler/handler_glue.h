@@ -47,8 +47,6 @@ enum class enter_result { ok, acquired, not_found, closed, other };
 
 inline bool rtl_initialized() { return true; }
 inline int* errno_location() { return &handler_glue::st().app_errno; }
-inline int errno_get() { return handler_glue::st().app_errno; }
-inline void errno_set(int e) { handler_glue::st().app_errno = e; }
 
 inline enter_result enter(key_t& key, wsp_t*& wsp) {
     wsp = handler_glue::st().wsp;
