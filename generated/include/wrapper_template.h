@@ -540,6 +540,22 @@ template <class T, unsigned M, unsigned V>
     }
 }
 
+template <class T>
+inline bool post_callbacks_due(frame_t<T>& f) {
+    return glue::has_callbacks(VORX_CALLBACK_INDEX(T::id, f.data.locals.state, vorx_or_post));
+}
+
+// Leaf calls with nothing to do after them: the original calls nothing that the collector wraps, so the level
+// it runs at changes nothing, and the thread leaves for good before it instead of leaving and coming back.
+template <class T>
+inline typename T::result_t leave_then_call(frame_t<T>& f) {
+    static_assert(T::kind == kind::event, "only plain events are leaves");
+    leave(f, f.old_level);
+    app_errno(f) = f.err;
+    T::call(own_trampoline<T>(f.mod, f.ver), f.p());
+    if constexpr (!std::is_void_v<typename T::result_t>) return f.p().__result;
+}
+
 // Everything that may enter the collector. One body per function, not per row: the row comes as values, so
 // that the code of the ~330 wrapped functions is made once each and not for every module and version.
 template <class T>
@@ -583,6 +599,9 @@ template <class T>
         if (glue::contention_filter_on()) glue::push_sync(f.wsp, T::object(f.p()));
     }
     pre(f);  // steps 6, 7
+    if constexpr (T::leaf) {
+        if (!f.callbacks_due || !post_callbacks_due(f)) return leave_then_call(f);
+    }
     constexpr bool waits = T::kind == kind::wait || T::kind == kind::wait_retry;
     if constexpr (waits) push_wait(f);  // step 8
 
@@ -614,7 +633,7 @@ template <class T>
     } else if constexpr (waits) {
         if (report) report = judge(f);              // step 13
         if (!pop_wait(f)) report = false;           // step 14
-    } else if (report && glue::has_callbacks(VORX_CALLBACK_INDEX(T::id, f.data.locals.state, vorx_or_post))) {
+    } else if (report && post_callbacks_due(f)) {
         // only a post callback reads the end of an event: most annotation calls make one point record
         // before the call and need no second clock read
         f.data.locals.leave_time = glue::now();

@@ -54,6 +54,7 @@ struct state_t {
     void* sync_pushed = nullptr;
     bool waiter_found = false;
     bool waiters_possible = true;
+    bool post_callbacks = true;            // what the directory answers for callbacks after a call
     void* user_open = nullptr;             // the one user wait that the fake slots keep
     unsigned long long user_open_time = 0;          // some thread has a lock object in its block
     vorx_workspace wsp;
@@ -128,7 +129,7 @@ inline void run_callbacks(unsigned index, wsp_t*, vorx_probe_data_t* d) {
                                     d->locals.stack_policy, d->locals.to_aux_tmu});
     fake::st().last_params = d->params;
 }
-inline bool has_callbacks(unsigned) { return true; }
+inline bool has_callbacks(unsigned) { return fake::st().post_callbacks; }
 inline int update_parent_probe_params() { return 0; }
 inline void update_nested_probe_params(vorx_probe_data_t*, vorx_probe_data_t*) {}
 inline void is_runtime_in_nested_original(vorx_probe_data_t*, unsigned, wsp_t*) { ++fake::st().nested_checks; }

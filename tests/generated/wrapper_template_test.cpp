@@ -400,6 +400,36 @@ TEST_F(Wrappers, TaskIdsPassByValueToTheOriginalAndTheCallbacks) {
     EXPECT_EQ(vorx_head_row(vorx_pi___ozk_task_end_overlapped)->args_size, 28u);
 }
 
+unsigned level_in_task_begin = 0;
+void fake_task_begin_level(void*, vorx_ozk_id_t, vorx_ozk_id_t, void*) {
+    level_in_task_begin = fake::st().wsp.runtime_level;
+    fake::st().app_errno = 5;
+}
+
+// A leaf (the annotation library's own bookkeeping) with no callback after it leaves before the original and
+// does not come back; once a post callback is set (stacks), it is measured like any event.
+TEST_F(Wrappers, LeafCallsWithNothingAfterThemEnterOnce) {
+    set_row(vorx_pi___ozk_task_begin, 3, 0, 1, (void*)&fake_task_begin_level);
+    int domain = 0, name = 0;
+    fake::st().post_callbacks = false;
+    fake::st().app_errno = 3;
+    vorx___ozk_task_begin_mod0_ver1(&domain, {}, {}, &name);
+    EXPECT_EQ(level_in_task_begin, 3u);
+    EXPECT_EQ(fake::st().app_errno, 5) << "what the original leaves in errno is the caller's";
+    EXPECT_EQ(fake::st().enters, 1u);
+    EXPECT_EQ(fake::st().releases, 1u);
+    EXPECT_EQ(fake::st().callbacks.size(), 1u);
+    EXPECT_EQ(fake::st().wsp.runtime_level, 3u);
+
+    fake::reset();
+    set_row(vorx_pi___ozk_task_begin, 3, 0, 1, (void*)&fake_task_begin_level);
+    vorx___ozk_task_begin_mod0_ver1(&domain, {}, {}, &name);
+    EXPECT_EQ(level_in_task_begin, 2u);
+    EXPECT_EQ(fake::st().enters, 2u);
+    EXPECT_EQ(fake::st().callbacks.size(), 2u);
+    EXPECT_EQ(fake::st().wsp.runtime_level, 3u);
+}
+
 TEST_F(Wrappers, EventKindsAreCreatedUnderTheGlobalLock) {
     set_row(vorx_pi___ozk_event_create, 3, 0, 0, (void*)&fake_event_create);
     EXPECT_EQ(vorx___ozk_event_create_mod0_ver0("draw", 4), 7);
