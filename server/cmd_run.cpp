@@ -104,7 +104,7 @@ int command_run(int argc, char **argv) {
   processes.on_new(*root, getpid());
   record.root_pid = *root;
 
-  int status = Supervisor(processes, reports).wait_for(*root);
+  int status = Supervisor(processes, reports, [&server] { return server.drained(); }).wait_for(*root);
   server.stop();
 
   record.finished = Clock::now();

@@ -136,12 +136,13 @@ void RunServer::accept_loop() {
     struct pollfd pfd = {server_.socket, POLLIN, 0};
     int ready = poll(&pfd, 1, 100);
     if (ready <= 0 || !(pfd.revents & POLLIN)) continue;
+    // accepted and listed under one lock, so that drained() never sees a connection between the two
+    std::lock_guard lock(connections_mutex_);
     comm_client client;
     if (comm_server_wait_client(&server_, &client) != vorx_er_success) continue;
     struct timeval timeout = {receive_timeout_ms_ / 1000, (receive_timeout_ms_ % 1000) * 1000};
     setsockopt(client.socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
     setsockopt(client.socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-    std::lock_guard lock(connections_mutex_);
     Connection &c = connections_.emplace_back();
     c.socket = client.socket;
     c.thread = std::thread([this, client, &c] {
@@ -149,6 +150,15 @@ void RunServer::accept_loop() {
       c.done = true;
     });
   }
+}
+
+bool RunServer::drained() {
+  if (!listening_) return true;
+  std::lock_guard lock(connections_mutex_);
+  for (const Connection &c : connections_)
+    if (!c.done) return false;
+  struct pollfd pfd = {server_.socket, POLLIN, 0};
+  return poll(&pfd, 1, 0) == 0;
 }
 
 void RunServer::reap_finished_connections() {

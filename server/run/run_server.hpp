@@ -68,6 +68,9 @@ class RunServer {
   // How long a connection may stay silent in the middle of a frame.
   void set_receive_timeout_ms(int ms) { receive_timeout_ms_ = ms; }
 
+  // Nothing in flight: every connection has closed and none waits to be accepted.
+  bool drained();
+
   // One command text from a process: the reply frame; none for a report;
   // an empty text when the connection is to be closed without an answer.
   std::optional<std::string> handle(const std::string &text, pid_t peer_pid);

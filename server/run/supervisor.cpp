@@ -25,7 +25,8 @@ bool alive(pid_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
 // Short rounds: the program's end is seen within a couple of milliseconds, which counts on short runs.
 constexpr auto kPoll = std::chrono::milliseconds(2);
 constexpr auto kSayWhoAfter = std::chrono::seconds(3);
-// Connections of the last moments (a child's "end" on its way) land first: 20 ms with nobody pending.
+// Connections of the last moments (a child's "end" on its way) land first: 20 ms with nobody pending,
+// unless no descendant is left and the server has nothing in flight, which ends the run at once.
 constexpr int kQuietRoundsToEnd = 10;
 
 }  // namespace
@@ -66,9 +67,13 @@ void Supervisor::reap() {
     }
     if (auto p = processes_.on_exit(pid, status)) notice_death(*p);
   }
+  // orphans are handed to this process, so no child at all means no descendant at all
+  no_children_ = pid < 0 && errno == ECHILD;
   for (const ProcessInfo &p : processes_.sweep(alive))
     reports_.report(p.pid, p.name, "warning", "the process is gone without closing its collection");
 }
+
+bool Supervisor::finished_quietly() const { return no_children_ && drained_ && drained_(); }
 
 std::string Supervisor::awaited_list() const {
   std::string list;
@@ -102,7 +107,7 @@ int Supervisor::wait_for(pid_t root) {
     }
     if (root_done_) {
       quiet_rounds = processes_.anyone_pending() ? 0 : quiet_rounds + 1;
-      if (quiet_rounds >= kQuietRoundsToEnd) break;
+      if (quiet_rounds >= kQuietRoundsToEnd || (quiet_rounds > 0 && finished_quietly())) break;
       if (!waiting_said_ && quiet_rounds == 0 &&
           std::chrono::steady_clock::now() - root_end_time > kSayWhoAfter)
         say_who_is_awaited();

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "process_table.hpp"
@@ -16,7 +17,10 @@ namespace vorx::server {
 
 class Supervisor {
  public:
-  Supervisor(ProcessTable &processes, ReportSink &reports) : processes_(processes), reports_(reports) {}
+  // drained: whether nothing is left in flight towards the server (see RunServer::drained); without it the
+  // end waits a few quiet rounds for late connections.
+  Supervisor(ProcessTable &processes, ReportSink &reports, std::function<bool()> drained = {})
+      : processes_(processes), reports_(reports), drained_(std::move(drained)) {}
 
   // Becomes the reaper of orphaned descendants. An interrupt from the
   // terminal is the program's to handle; once the program has ended it stops
@@ -33,9 +37,13 @@ class Supervisor {
   void say_who_is_awaited();
   std::string awaited_list() const;
 
+  bool finished_quietly() const;
+
   ProcessTable &processes_;
   ReportSink &reports_;
+  std::function<bool()> drained_;
   pid_t root_ = 0;
+  bool no_children_ = false;  // every descendant has been reaped: none can connect any more
   int root_status_ = 0;
   bool root_done_ = false;
   bool waiting_said_ = false;

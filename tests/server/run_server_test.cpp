@@ -202,6 +202,21 @@ TEST_F(Server, AFrameLongerThanWhatIsSentEndsOnlyThatConnection) {
   EXPECT_FALSE(processes.find(4242));
 }
 
+// The run ends without waiting once nothing is in flight: a connection still open or not yet accepted
+// keeps it going.
+TEST_F(Server, DrainedOnlyWhenEveryConnectionHasClosed) {
+  EXPECT_TRUE(server->drained());
+  int fd = raw_connection(id);
+  EXPECT_FALSE(server->drained());
+  uint32_t length = 10;
+  ASSERT_EQ(send(fd, &length, 4, MSG_NOSIGNAL), 4);
+  ASSERT_EQ(send(fd, "ready:4243", 10, MSG_NOSIGNAL), 10);
+  close(fd);
+  for (int i = 0; i < 500 && !server->drained(); ++i) usleep(1000);
+  EXPECT_TRUE(server->drained());
+  EXPECT_TRUE(processes.find(4243)) << "what the closed connection sent was read first";
+}
+
 TEST_F(Server, ASilentClientDoesNotHoldOthersUp) {
   server.reset();
   server = std::make_unique<RunServer>(make_base_configuration(options, "/tmp/r/"), processes, sink);

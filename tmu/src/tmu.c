@@ -335,8 +335,31 @@ static void tmu_confirm(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buff)
   __atomic_sub_fetch(&buff->pend_writes_cntr, 1, __ATOMIC_ACQ_REL);
 }
 
+/* Small records are copied while the buffer lock is held: a copy of a few dozen bytes costs less than the
+ * two atomic operations on pend_writes_cntr that let a writer copy outside the lock. A spill takes the
+ * same lock, so it never sees such a record half written. */
+enum { k_copy_under_lock = 256 };
+
+static int put_small_record(vorx_tmu_t *tmu, const void *head, vorx_u32_t head_size, const void *tail,
+                            vorx_u32_t tail_size)
+{
+  vorx_u32_t size = head_size + tail_size;
+  unit_lock(&tmu->buffer_lock);
+  vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
+  int simple = fits(active, size) && !(tmu->mode == vorx_tmu_mode_ring && buffer_empty(active));
+  if (simple) {
+    memcpy(active->write_ptr, head, head_size);
+    if (tail_size) memcpy(active->write_ptr + head_size, tail, tail_size);
+    active->write_ptr += size;
+  }
+  unit_unlock(&tmu->buffer_lock);
+  return simple;
+}
+
 static int tmu_put_record(vorx_tmu_t *tmu, const void *head, vorx_u32_t head_size, const void *tail, vorx_u32_t tail_size)
 {
+  if (head_size + tail_size <= k_copy_under_lock && put_small_record(tmu, head, head_size, tail, tail_size))
+    return 1;
   void *dest;
   vorx_tmu_buffer_t *buf;
   int res = vorx_tmu_alloc_record(tmu, head_size + tail_size, &dest, &buf);
