@@ -18,6 +18,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
+#include <utility>
+
 #include "sal.h"
 #include "sal_assert.h"
 #include "vorx_deepbind.h"
@@ -197,12 +200,85 @@ bool is_main_value(const void* value) {
   return *(const uint32_t*)value == g_process_id;
 }
 
+[[noreturn]] void x86_mode_not_implemented() {
+  vorx_deepbind_assert_fail(__FILE__, __LINE__, __func__, "0 && \"x86 mode is not implemented\"", "%s", "");
+}
+
+/* ---- the thread's own copy of its key values ---------------------------------
+ *
+ * Every entry into the collector starts by finding the thread's descriptor through a key. The answer
+ * changes only when this thread stores a value, when its thread library clears a value before running
+ * the key's destructor, or when a process-wide rule changes (keys made, the thread library loaded or
+ * unloaded, a fork, a main-thread value written): so the thread keeps what it read last in its own
+ * static TLS, and the process-wide changes move a generation that makes every copy stale. */
+struct key_cache {
+  uint32_t generation;
+  uint32_t valid;   /* one bit per key */
+  uint32_t stores;  /* this thread's stores, counted: a read interrupted by one does not keep its answer */
+  void* values[VORX_DEEPBIND_TLS_KEYS];
+};
+__thread key_cache t_keys __attribute__((tls_model("initial-exec")));
+uint32_t g_key_generation = 1;
+/* Only threads of a thread library have the static TLS block: not the page that stands in for it early. */
+bool g_keys_cacheable = false;
+
+void keys_changed() { __atomic_add_fetch(&g_key_generation, 1, __ATOMIC_RELEASE); }
+
+bool cached_value(pthread_key_t key, void** value) {
+  if (t_keys.generation != __atomic_load_n(&g_key_generation, __ATOMIC_ACQUIRE)) return false;
+  if (!((t_keys.valid >> key) & 1u)) return false;
+  *value = t_keys.values[key];
+  return true;
+}
+
+void keep_value(pthread_key_t key, void* value, uint32_t generation, uint32_t stores) {
+  if (t_keys.stores != stores) return;
+  if (t_keys.generation != generation) {
+    t_keys.generation = generation;
+    t_keys.valid = 0;
+  }
+  t_keys.values[key] = value;
+  t_keys.valid |= 1u << key;
+}
+
+/* The thread library sets a value to null before it calls the key's destructor: the copy goes first. */
+template <int Key>
+void forget_then_destroy(void* value) {
+  t_keys.valid &= ~(1u << Key);
+  ++t_keys.stores;
+  g_tls_map.destructors[Key](value);
+}
+
+template <int... Keys>
+constexpr auto make_destructor_table(std::integer_sequence<int, Keys...>) {
+  return std::array<void (*)(void*), sizeof...(Keys)>{&forget_then_destroy<Keys>...};
+}
+constexpr auto kForgettingDestructors = make_destructor_table(std::make_integer_sequence<int, VORX_DEEPBIND_TLS_KEYS>{});
+
+/* What the application's library is given as the destructor of key i. */
+void (*real_destructor(int i))(void*) { return g_tls_map.destructors[i] ? kForgettingDestructors[i] : nullptr; }
+
+/* The value as the thread library and the main-thread rules give it. */
+void* read_specific(pthread_key_t key) {
+  uint32_t mode = g_pthread_load_mode;
+  if (mode == vorx_deepbind_pthread_mode_unavailable) {
+    DB_CHECK(g_tls_map.pthread_keys[key] == VORX_DEEPBIND_NO_KEY,
+             "g_tls_map.pthread_keys[key] == 0xFFFFFFFF");
+    return g_tls_map.main_values[key];
+  }
+  if (mode == vorx_deepbind_pthread_mode_go) x86_mode_not_implemented();
+  DB_CHECK(g_process_id != 0, "g_process_id != 0");
+  void* value = APP_FN(pthread_getspecific)(g_tls_map.pthread_keys[key]);
+  if (!is_main_value(value)) return value;
+  return g_tls_map.main_values[key];
+}
+
 void create_real_keys() {
   auto key_create = APP_FN_CHECKED(pthread_key_create);
   for (int i = 0; i < VORX_DEEPBIND_TLS_KEYS; ++i) {
     if (!g_tls_map.is_key_used[i]) continue;
     pthread_key_t real = VORX_DEEPBIND_NO_KEY;
-    int res = key_create(&real, g_tls_map.destructors[i]);
+    int res = key_create(&real, real_destructor(i));
     DB_ASSERT(res == 0);
     DB_CHECK(real != VORX_DEEPBIND_NO_KEY, "g_tls_map.pthread_keys[i] != 0xFFFFFFFF");
     g_tls_map.pthread_keys[i] = real;
@@ -211,10 +287,6 @@ void create_real_keys() {
 
 void notify_pytrace(int loaded) {
   if (pytrace_notify_pthread_state) pytrace_notify_pthread_state(loaded);
-}
-
-[[noreturn]] void x86_mode_not_implemented() {
-  vorx_deepbind_assert_fail(__FILE__, __LINE__, __func__, "0 && \"x86 mode is not implemented\"", "%s", "");
 }
 
 /* ---- thread pointer at launch -------------------------------------------- */
@@ -279,7 +351,8 @@ void vorx_deepbind_set_internal_thread_stack_boundaries(uintptr_t high, uintptr_
 
 void vorx_deepbind_init(int is_attaching) {
   /* Under the audit loader the thread block already exists: keep it. */
-  if (!is_attaching && !thread_block_present()) install_thread_block();
+  g_keys_cacheable = is_attaching || thread_block_present();
+  if (!g_keys_cacheable) install_thread_block();
   g_main_tsd = sal_get_tsd();
   for (int i = 0; i < VORX_DEEPBIND_TLS_KEYS; ++i) g_tls_map.pthread_keys[i] = VORX_DEEPBIND_NO_KEY;
   g_active = 1;
@@ -326,6 +399,7 @@ void vorx_deepbind_notify_on_pthread_loaded(uint32_t init_type, uint32_t mode) {
                               "Attempt to load libpthread.so by a thread different from the main one. Unsupported.");
   g_pthread_load_mode = mode;
   create_real_keys();
+  keys_changed();
   notify_pytrace(1);
 }
 
@@ -337,6 +411,7 @@ void vorx_deepbind_notify_on_pthread_unloaded(void) {
                               "Attempt to unload libpthread.so aliased by the main executable. Unsupported.");
   for (int i = 0; i < VORX_DEEPBIND_TLS_KEYS; ++i) g_tls_map.pthread_keys[i] = VORX_DEEPBIND_NO_KEY;
   g_pthread_load_mode = vorx_deepbind_pthread_mode_unavailable;
+  keys_changed();
   notify_pytrace(0);
 }
 
@@ -350,6 +425,7 @@ void vorx_deepbind_reset(void) {
     g_tls_map.main_values[i] = nullptr;
     g_tls_map.service_values[i] = nullptr;
   }
+  keys_changed();
 }
 
 /* ---- mutexes: recursive, futex-backed ----------------------------------- */
@@ -553,9 +629,10 @@ int vorx_db_key_create(pthread_key_t* key, void (*destructor)(void*)) {
     g_tls_map.service_values[i] = nullptr;
     g_tls_map.pthread_keys[i] = VORX_DEEPBIND_NO_KEY;
     g_tls_map.is_key_used[i] = 1;
+    keys_changed();
     if (library_mode()) {
       pthread_key_t real = VORX_DEEPBIND_NO_KEY;
-      int res = APP_FN_CHECKED(pthread_key_create)(&real, destructor);
+      int res = APP_FN_CHECKED(pthread_key_create)(&real, real_destructor(i));
       DB_ASSERT(res == 0);
       g_tls_map.pthread_keys[i] = real;
     }
@@ -569,17 +646,13 @@ int vorx_db_key_create(pthread_key_t* key, void (*destructor)(void*)) {
 void* vorx_db_getspecific(pthread_key_t key) {
   check_key(key);
   if (on_service_stack()) return g_tls_map.service_values[key];
-  uint32_t mode = g_pthread_load_mode;
-  if (mode == vorx_deepbind_pthread_mode_unavailable) {
-    DB_CHECK(g_tls_map.pthread_keys[key] == VORX_DEEPBIND_NO_KEY,
-             "g_tls_map.pthread_keys[key] == 0xFFFFFFFF");
-    return g_tls_map.main_values[key];
-  }
-  if (mode == vorx_deepbind_pthread_mode_go) x86_mode_not_implemented();
-  DB_CHECK(g_process_id != 0, "g_process_id != 0");
-  void* value = APP_FN(pthread_getspecific)(g_tls_map.pthread_keys[key]);
-  if (!is_main_value(value)) return value;
-  return g_tls_map.main_values[key];
+  if (!g_keys_cacheable || !library_mode()) return read_specific(key);
+  void* cached;
+  if (cached_value(key, &cached)) return cached;
+  uint32_t generation = __atomic_load_n(&g_key_generation, __ATOMIC_ACQUIRE), stores = t_keys.stores;
+  void* value = read_specific(key);
+  keep_value(key, value, generation, stores);
+  return value;
 }
 
 int vorx_db_setspecific(pthread_key_t key, const void* value) {
@@ -591,15 +664,21 @@ int vorx_db_setspecific(pthread_key_t key, const void* value) {
   uint32_t mode = g_pthread_load_mode;
   if (mode == vorx_deepbind_pthread_mode_unavailable) {
     g_tls_map.main_values[key] = (void*)value;
+    keys_changed();
     return 0;
   }
   if (mode == vorx_deepbind_pthread_mode_go) x86_mode_not_implemented();
   DB_CHECK(g_process_id != 0, "g_process_id != 0");
+  if (g_keys_cacheable) ++t_keys.stores;
   int res = APP_FN(pthread_setspecific)(g_tls_map.pthread_keys[key], value);
   /* Values stored before the library came stay visible after it, and back:
    * the main thread's own, and any descriptor of the main thread. */
   bool main_descriptor = (uintptr_t)value >= kMarkerLimit && *(const uint32_t*)value == g_process_id;
-  if (main_descriptor || is_main_thread()) g_tls_map.main_values[key] = (void*)value;
+  if (main_descriptor || is_main_thread()) {
+    g_tls_map.main_values[key] = (void*)value;
+    keys_changed();
+  }
+  if (g_keys_cacheable) t_keys.valid &= ~(1u << key);  /* read again through the rules above, once */
   return res;
 }
 

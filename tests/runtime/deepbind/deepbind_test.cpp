@@ -189,6 +189,38 @@ TEST_F(DeepbindTest, ForkedChildStartsWithEmptyValues) {
   EXPECT_EQ(vorx_db_getspecific(key), &value);
 }
 
+// The thread keeps the values it read; the thread library's own clearing at thread end (the value is set to
+// null before the destructor runs) must not leave a stale copy behind, nor may a fork.
+pthread_key_t g_destroyed_key;
+void* g_seen_in_destructor = &g_destroyed_key;
+void read_in_destructor(void*) { g_seen_in_destructor = vorx_db_getspecific(g_destroyed_key); }
+
+TEST_F(DeepbindTest, KeptValuesFollowStoresDestructorsAndForks) {
+  load_library();
+  ASSERT_EQ(vorx_db_key_create(&g_destroyed_key, read_in_destructor), 0);
+  int first = 0, second = 0;
+  std::thread([&] {
+    EXPECT_EQ(vorx_db_getspecific(g_destroyed_key), nullptr);
+    vorx_db_setspecific(g_destroyed_key, &first);
+    EXPECT_EQ(vorx_db_getspecific(g_destroyed_key), &first);
+    vorx_db_setspecific(g_destroyed_key, &second);
+    EXPECT_EQ(vorx_db_getspecific(g_destroyed_key), &second);
+    EXPECT_EQ(vorx_db_getspecific(g_destroyed_key), &second);
+  }).join();
+  EXPECT_EQ(g_seen_in_destructor, nullptr);
+
+  vorx_db_setspecific(g_destroyed_key, &first);
+  EXPECT_EQ(vorx_db_getspecific(g_destroyed_key), &first);
+  pid_t child = fork();
+  if (child == 0) {
+    vorx_deepbind_reset();
+    _exit(vorx_db_getspecific(g_destroyed_key) == &first ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the forking thread's own value stays";
+}
+
 TEST_F(DeepbindTest, ApplicationFunctionsGoThroughTheProbeTable) {
   EXPECT_DEATH(applibc___errno_location(), "vorx_pi___errno_location.*trampoline");
   EXPECT_EQ(vorx_db_getenv("PATH"), nullptr) << "no getenv row: nothing to ask";
