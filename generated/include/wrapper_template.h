@@ -65,6 +65,7 @@ struct frame_t {
     unsigned old_level = level_application;
     int err = 0;                  // the errno that the application must see
     bool callbacks_due = false;   // the pre step ran, post callbacks may follow
+    bool post_due = false;        // the directory holds callbacks after the call for this id and state
     bool cleanup_pushed = false;
     int* errno_at = nullptr;      // the application's errno of this thread, looked up once per call
     unsigned mod = 0, ver = 0;    // the row: module and version index
@@ -332,8 +333,10 @@ inline void pre_times(frame_t<T>& f) {
     f.data.next_wait = nullptr;
     f.data.locals.sampled = 0;
     f.data.locals.contended = 0;
-    glue::get_context(f.context);
     f.data.locals.state = glue::conf_state();
+    // the machine context is for the stack callbacks, which run after the call
+    f.post_due = glue::has_callbacks(VORX_CALLBACK_INDEX(T::id, f.data.locals.state, vorx_or_post));
+    if (f.post_due) glue::get_context(f.context);
     f.data.locals.enter_time = f.data.locals.leave_time = glue::now();
 }
 
@@ -540,11 +543,6 @@ template <class T, unsigned M, unsigned V>
     }
 }
 
-template <class T>
-inline bool post_callbacks_due(frame_t<T>& f) {
-    return glue::has_callbacks(VORX_CALLBACK_INDEX(T::id, f.data.locals.state, vorx_or_post));
-}
-
 // Leaf calls with nothing to do after them: the original calls nothing that the collector wraps, so the level
 // it runs at changes nothing, and the thread leaves for good before it instead of leaving and coming back.
 template <class T>
@@ -600,7 +598,7 @@ template <class T>
     }
     pre(f);  // steps 6, 7
     if constexpr (T::leaf) {
-        if (!f.callbacks_due || !post_callbacks_due(f)) return leave_then_call(f);
+        if (!f.callbacks_due || !f.post_due) return leave_then_call(f);
     }
     constexpr bool waits = T::kind == kind::wait || T::kind == kind::wait_retry;
     if constexpr (waits) push_wait(f);  // step 8
@@ -633,7 +631,7 @@ template <class T>
     } else if constexpr (waits) {
         if (report) report = judge(f);              // step 13
         if (!pop_wait(f)) report = false;           // step 14
-    } else if (report && post_callbacks_due(f)) {
+    } else if (report && f.post_due) {
         // only a post callback reads the end of an event: most annotation calls make one point record
         // before the call and need no second clock read
         f.data.locals.leave_time = glue::now();

@@ -219,6 +219,7 @@ struct key_cache {
 };
 __thread key_cache t_keys __attribute__((tls_model("initial-exec")));
 uint32_t g_key_generation = 1;
+__thread int* t_app_errno __attribute__((tls_model("initial-exec")));
 /* Only threads of a thread library have the static TLS block: not the page that stands in for it early. */
 bool g_keys_cacheable = false;
 
@@ -709,7 +710,12 @@ char* vorx_db_getenv(const char* name) {
   return app_getenv ? app_getenv(name) : nullptr;
 }
 
-int* applibc___errno_location(void) { return APP_FN_CHECKED(__errno_location)(); }
+/* A thread's errno never moves: each thread asks the application's library once. */
+int* applibc___errno_location(void) {
+  if (!g_keys_cacheable) return APP_FN_CHECKED(__errno_location)();
+  if (!t_app_errno) t_app_errno = APP_FN_CHECKED(__errno_location)();
+  return t_app_errno;
+}
 void* applibc_dlopen(const char* file, int mode) { return APP_FN_CHECKED(dlopen)(file, mode); }
 int applibc_dlclose(void* handle) { return APP_FN_CHECKED(dlclose)(handle); }
 void* applibc_dlsym(void* handle, const char* name) { return APP_FN_CHECKED(dlsym)(handle, name); }
