@@ -66,7 +66,8 @@ void check_tool(const std::string& tool) {
   if (access(tool.c_str(), R_OK) != 0) die("tool '" + tool + "' not found (give the path of the tool's .so after -t)");
   kel::ElfModel model;
   std::string error;
-  if (!kel::read_elf_file(tool, &model, &error)) die("tool '" + tool + "' is not a shared object: " + error);
+  if (!kel::read_elf_file(tool, &model, &error, kel::ElfDetail::dynamic_symbols))
+    die("tool '" + tool + "' is not a shared object: " + error);
   if (model.elf_class != kel::arch::kElfClass || model.machine != kel::arch::kElfMachine)
     die("tool '" + tool + "' is not a " + kel::arch::kArchitectureName + " shared object; build it for that target");
   for (const kel::ElfSymbol& s : model.symbols)
@@ -77,7 +78,7 @@ void check_tool(const std::string& tool) {
 void check_program(const std::string& program) {
   kel::ElfModel model;
   std::string error;
-  if (!kel::read_elf_file(program, &model, &error)) return;  // a script: its interpreter is checked by the loader
+  if (!kel::read_elf_file(program, &model, &error, kel::ElfDetail::dynamic_symbols)) return;  // a script: its interpreter is checked by the loader
   if (model.elf_class != kel::arch::kElfClass || model.machine != kel::arch::kElfMachine)
     die("program '" + program + "' is not a " + kel::arch::kArchitectureName + " program; this engine runs in " +
         kel::arch::kArchitectureName + " processes only");

@@ -41,7 +41,8 @@ struct Elf64Layout {
 template <class L>
 class ElfReader {
  public:
-  ElfReader(std::span<const uint8_t> bytes, ElfSource source) : bytes_(bytes), source_(source) {}
+  ElfReader(std::span<const uint8_t> bytes, ElfSource source, ElfDetail detail)
+      : bytes_(bytes), source_(source), detail_(detail) {}
 
   bool read(ElfModel* model, std::string* error) {
     if (bytes_.size() < sizeof(typename L::Ehdr)) return fail(error, "file too short for an ELF header");
@@ -55,9 +56,10 @@ class ElfReader {
     read_dynamic(model);
     read_versions();
     // Entries of .symtab that .dynsym already gave are dropped; without a .symtab there is nothing to match.
-    remember_dynamic_ = section_named(".symtab", *model) != nullptr;
+    bool whole = detail_ == ElfDetail::all;
+    remember_dynamic_ = whole && section_named(".symtab", *model) != nullptr;
     read_symbols(".dynsym", true, model);
-    read_symbols(".symtab", false, model);
+    if (whole) read_symbols(".symtab", false, model);
     return true;
   }
 
@@ -227,6 +229,7 @@ class ElfReader {
 
   std::span<const uint8_t> bytes_;
   ElfSource source_;
+  ElfDetail detail_;
   uint64_t link_base_ = 0;
   const typename L::Phdr* dynamic_phdr_ = nullptr;
   const typename L::Shdr* shdrs_ = nullptr;
@@ -239,21 +242,22 @@ class ElfReader {
 
 }  // namespace
 
-bool parse_elf(std::span<const uint8_t> bytes, ElfSource source, ElfModel* model, std::string* error) {
+bool parse_elf(std::span<const uint8_t> bytes, ElfSource source, ElfModel* model, std::string* error,
+               ElfDetail detail) {
   if (bytes.size() < EI_NIDENT || memcmp(bytes.data(), ELFMAG, SELFMAG) != 0) {
     if (error) *error = "not an ELF file";
     return false;
   }
   switch (bytes[EI_CLASS]) {
-    case ELFCLASS32: return ElfReader<Elf32Layout>(bytes, source).read(model, error);
-    case ELFCLASS64: return ElfReader<Elf64Layout>(bytes, source).read(model, error);
+    case ELFCLASS32: return ElfReader<Elf32Layout>(bytes, source, detail).read(model, error);
+    case ELFCLASS64: return ElfReader<Elf64Layout>(bytes, source, detail).read(model, error);
     default:
       if (error) *error = "unknown ELF class";
       return false;
   }
 }
 
-bool read_elf_file(const std::string& path, ElfModel* model, std::string* error) {
+bool read_elf_file(const std::string& path, ElfModel* model, std::string* error, ElfDetail detail) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (error) *error = std::string("cannot open: ") + strerror(errno);
@@ -272,7 +276,7 @@ bool read_elf_file(const std::string& path, ElfModel* model, std::string* error)
     return false;
   }
   bool ok = parse_elf({static_cast<const uint8_t*>(map), static_cast<size_t>(st.st_size)}, ElfSource::file, model,
-                      error);
+                      error, detail);
   munmap(map, st.st_size);
   return ok;
 }

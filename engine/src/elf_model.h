@@ -60,10 +60,16 @@ enum class ElfSource {
   memory,  // an image mapped by the kernel at its link layout (the vDSO): contents at their addresses
 };
 
+enum class ElfDetail {
+  all,              // every defined symbol: .dynsym, then .symtab
+  dynamic_symbols,  // .dynsym only: what a check of exports needs, without the (large) .symtab of a debug build
+};
+
 // Parses `bytes`; false with `error` set when the bytes are not a usable ELF object.
-bool parse_elf(std::span<const uint8_t> bytes, ElfSource source, ElfModel* model, std::string* error);
+bool parse_elf(std::span<const uint8_t> bytes, ElfSource source, ElfModel* model, std::string* error,
+               ElfDetail detail = ElfDetail::all);
 
 // Maps the file at `path` and parses it.
-bool read_elf_file(const std::string& path, ElfModel* model, std::string* error);
+bool read_elf_file(const std::string& path, ElfModel* model, std::string* error, ElfDetail detail = ElfDetail::all);
 
 }  // namespace kel

@@ -40,6 +40,19 @@ TEST(ElfModel, Libc32HasVersionedSymbolsAndNoInit) {
   EXPECT_TRUE(std::all_of(m.symbols.begin(), m.symbols.end(), [](const ElfSymbol& s) { return s.dynamic; }));
 }
 
+// The launcher's checks read the exports only: the same headers, none of .symtab.
+TEST(ElfModel, DynamicSymbolsOnlyLeaveTheSymbolTableOut) {
+  ElfModel whole, exports;
+  std::string error;
+  ASSERT_TRUE(read_elf_file("/proc/self/exe", &whole, &error)) << error;
+  ASSERT_TRUE(read_elf_file("/proc/self/exe", &exports, &error, ElfDetail::dynamic_symbols)) << error;
+  EXPECT_TRUE(std::any_of(whole.symbols.begin(), whole.symbols.end(), [](const ElfSymbol& s) { return !s.dynamic; }));
+  EXPECT_TRUE(std::all_of(exports.symbols.begin(), exports.symbols.end(), [](const ElfSymbol& s) { return s.dynamic; }));
+  EXPECT_EQ(exports.machine, whole.machine);
+  EXPECT_EQ(exports.has_interpreter, whole.has_interpreter);
+  EXPECT_EQ(exports.sections.size(), whole.sections.size());
+}
+
 TEST(ElfModel, SixtyFourBitObjectsReadToo) {
   ElfModel m;
   std::string error;
