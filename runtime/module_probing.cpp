@@ -168,20 +168,29 @@ bool resolved_in_module(const vorx_probe_entry_t &entry, unsigned mod, void *rou
   return false;
 }
 
-// A routine probed already for another function or module (aliases such as
-// the __libc_ names): two wrappers cannot stand on one routine, so the row
-// shares the first one's trampoline.
-const vorx_probe_t *resolved_elsewhere(void *routine) {
-  unsigned rows = g_vorx_pt_id[vorx_pi_eof];
-  for (unsigned id = 0; id < vorx_pi_eof; ++id) {
-    for (unsigned index = g_vorx_pt_id[id]; index < g_vorx_pt_id[id + 1] && index < rows; ++index) {
-      if (g_vorx_probes_table[index].original != routine) continue;
-      VORX_LOG(vorx_log_level_trace, "found! probe_id = %u, g_vorx_probes_table idx = %u", id, index);
-      return &g_vorx_probes_table[index];
-    }
+// Routines probed already for another function or module (aliases such as the __libc_ names): two wrappers
+// cannot stand on one routine, so a later row shares the first one's trampoline. The rows are indexed by
+// their routine once per module, in table order, so that the first row of a routine is the one found; a
+// search of the whole table for every symbol made this the bulk of a module's probing.
+class ResolvedRoutines {
+ public:
+  ResolvedRoutines() {
+    unsigned rows = g_vorx_pt_id[vorx_pi_eof];
+    KEL_LockClient();
+    for (unsigned index = 0; index < rows; ++index) add(&g_vorx_probes_table[index]);
+    KEL_UnlockClient();
   }
-  return nullptr;
-}
+  void add(const vorx_probe_t *row) {
+    if (row->original != nullptr) rows_.emplace(row->original, row);
+  }
+  const vorx_probe_t *find(void *routine) const {
+    auto found = rows_.find(routine);
+    return found == rows_.end() ? nullptr : found->second;
+  }
+
+ private:
+  std::unordered_map<const void *, const vorx_probe_t *> rows_;
+};
 
 // The routine a symbol names, when it starts exactly there.
 RTN routine_of_symbol(IMG img, SYM sym) {
@@ -231,7 +240,8 @@ SymbolsByName index_symbols(IMG img) {
 // Every version of the function in the image, in the order of its symbol
 // table: each is a routine of its own with its own row and wrapper. A version
 // beyond the rows of the module is ignored.
-void probe_function(IMG img, const SymbolsByName &symbols, const vorx_probe_entry_t &entry, unsigned mod) {
+void probe_function(IMG img, const SymbolsByName &symbols, ResolvedRoutines &resolved, const vorx_probe_entry_t &entry,
+                    unsigned mod) {
   VORX_LOG(vorx_log_level_trace, "\n Function requested to be probed: %s", entry.name);
   auto found = symbols.find(std::string_view(entry.name));
   if (found == symbols.end()) return;
@@ -246,13 +256,14 @@ void probe_function(IMG img, const SymbolsByName &symbols, const vorx_probe_entr
     if (resolved_in_module(entry, mod, routine)) continue;
     vorx_probe_t *row = vorx_probe_row(entry.id, entry.versions, mod, ver);
     KEL_LockClient();
-    if (const vorx_probe_t *shared = resolved_elsewhere(routine)) {
+    if (const vorx_probe_t *shared = resolved.find(routine)) {
       copy_resolution(row, shared);
       VORX_LOG(vorx_log_level_trace, "%s() ... t: 0x%lx, o: 0x%lx\n", symbol.c_str(), (unsigned long)row->trampoline,
                (unsigned long)row->original);
       set_default_row(entry, row, symbol);
     } else {
       resolve_row(img, entry, row, rtn, sym);
+      resolved.add(row);
       ++ver;
     }
     KEL_UnlockClient();
@@ -268,11 +279,12 @@ int module_index(const vorx_probe_entry_t &entry, const vorx_module_descriptor_t
 
 void probe_module(IMG img, const vorx_module_descriptor_t *descriptor) {
   const SymbolsByName symbols = index_symbols(img);
+  ResolvedRoutines resolved;
   for (const vorx_probe_entry_t *entry = descriptor->probes; entry != nullptr && entry->name != nullptr; ++entry) {
     if (entry->modules == 0 || !wanted_probe(entry->id)) continue;
     int mod = module_index(*entry, descriptor);
     if (mod < 0) continue;
-    probe_function(img, symbols, *entry, static_cast<unsigned>(mod));
+    probe_function(img, symbols, resolved, *entry, static_cast<unsigned>(mod));
   }
 }
 
