@@ -242,12 +242,14 @@ void keep_value(pthread_key_t key, void* value, uint32_t generation, uint32_t st
   t_keys.valid |= 1u << key;
 }
 
-/* The thread library sets a value to null before it calls the key's destructor: the copy goes first. */
+/* At a thread's end the thread library sets each value to null and then calls the key's destructor: the
+ * copy goes first. Every key gets this destructor, also one whose owner gave none, since its value is
+ * cleared all the same. */
 template <int Key>
 void forget_then_destroy(void* value) {
   t_keys.valid &= ~(1u << Key);
   ++t_keys.stores;
-  g_tls_map.destructors[Key](value);
+  if (g_tls_map.destructors[Key]) g_tls_map.destructors[Key](value);
 }
 
 template <int... Keys>
@@ -257,7 +259,7 @@ constexpr auto make_destructor_table(std::integer_sequence<int, Keys...>) {
 constexpr auto kForgettingDestructors = make_destructor_table(std::make_integer_sequence<int, VORX_DEEPBIND_TLS_KEYS>{});
 
 /* What the application's library is given as the destructor of key i. */
-void (*real_destructor(int i))(void*) { return g_tls_map.destructors[i] ? kForgettingDestructors[i] : nullptr; }
+void (*real_destructor(int i))(void*) { return kForgettingDestructors[i]; }
 
 /* The value as the thread library and the main-thread rules give it. */
 void* read_specific(pthread_key_t key) {

@@ -191,12 +191,18 @@ TEST_F(DeepbindTest, ForkedChildStartsWithEmptyValues) {
 
 // The thread keeps the values it read; the thread library's own clearing at thread end (the value is set to
 // null before the destructor runs) must not leave a stale copy behind, nor may a fork.
-pthread_key_t g_destroyed_key;
+pthread_key_t g_destroyed_key, g_plain_key;
 void* g_seen_in_destructor = &g_destroyed_key;
-void read_in_destructor(void*) { g_seen_in_destructor = vorx_db_getspecific(g_destroyed_key); }
+void* g_plain_seen_in_destructor = &g_plain_key;
+void read_in_destructor(void*) {
+  g_seen_in_destructor = vorx_db_getspecific(g_destroyed_key);
+  g_plain_seen_in_destructor = vorx_db_getspecific(g_plain_key);
+}
 
 TEST_F(DeepbindTest, KeptValuesFollowStoresDestructorsAndForks) {
   load_library();
+  pthread_key_t plain;  // no destructor of its own: its value is cleared at the thread's end all the same
+  ASSERT_EQ(vorx_db_key_create(&plain, nullptr), 0);
   ASSERT_EQ(vorx_db_key_create(&g_destroyed_key, read_in_destructor), 0);
   int first = 0, second = 0;
   std::thread([&] {
@@ -206,8 +212,12 @@ TEST_F(DeepbindTest, KeptValuesFollowStoresDestructorsAndForks) {
     vorx_db_setspecific(g_destroyed_key, &second);
     EXPECT_EQ(vorx_db_getspecific(g_destroyed_key), &second);
     EXPECT_EQ(vorx_db_getspecific(g_destroyed_key), &second);
+    vorx_db_setspecific(plain, &first);
+    EXPECT_EQ(vorx_db_getspecific(plain), &first);
+    g_plain_key = plain;
   }).join();
   EXPECT_EQ(g_seen_in_destructor, nullptr);
+  EXPECT_EQ(g_plain_seen_in_destructor, nullptr);
 
   vorx_db_setspecific(g_destroyed_key, &first);
   EXPECT_EQ(vorx_db_getspecific(g_destroyed_key), &first);
