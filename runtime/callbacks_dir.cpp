@@ -13,6 +13,17 @@ namespace {
 // Linked at init (before the runtime opens) and unlinked at detach or abort; walked without locks by
 // application threads in between.
 vorx_callback_table* g_vorx_callbacks_dir = nullptr;
+// Whether any linked table has a callback at an index: asked by every measured call, kept with the links.
+uint8_t g_any_callback[VORX_CALLBACK_ENTRIES];
+
+void note_linked_callbacks() {
+  for (unsigned index = 0; index < VORX_CALLBACK_ENTRIES; ++index) {
+    uint8_t any = 0;
+    for (const vorx_callback_table* table = g_vorx_callbacks_dir; table; table = table->next)
+      any |= table->entries[index] != nullptr;
+    g_any_callback[index] = any;
+  }
+}
 
 // Collection 0 is always on; the others by their bit in collection_types.
 vorx_probe_bitmap_t active_callbacks(const vorx_u32_t* collection_types) {
@@ -61,11 +72,13 @@ vorx_u32_t vorx_register_callbacks(vorx_callback_table* table, const vorx_u32_t*
     }
   }
   if (!any) {
+    note_linked_callbacks();  // the table may be linked already, with the entries it just lost
     VORX_LOG(vorx_log_level_info, "%s callbacks were disabled (no active callback for the collection)",
              short_name(table));
     return 0;
   }
   link_table(table);
+  note_linked_callbacks();
   VORX_LOG(vorx_log_level_info, "%s callbacks were activated (%s)", short_name(table), table->name);
   return 1;
 }
@@ -75,15 +88,12 @@ void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* 
     if (vorx_callback_t callback = table->entries[index]) callback(wsp, data);
 }
 
-int vorx_directory_has_callbacks(uint32_t index) {
-  for (vorx_callback_table* table = g_vorx_callbacks_dir; table; table = table->next)
-    if (table->entries[index]) return 1;
-  return 0;
-}
+int vorx_directory_has_callbacks(uint32_t index) { return g_any_callback[index]; }
 
 void vorx_unlink_callback_tables(void) {
   vorx_callback_table* table = g_vorx_callbacks_dir;
   g_vorx_callbacks_dir = nullptr;
+  memset(g_any_callback, 0, sizeof g_any_callback);
   while (table) {
     vorx_callback_table* next = table->next;
     table->next = nullptr;

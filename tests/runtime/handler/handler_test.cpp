@@ -197,6 +197,8 @@ TEST_F(HandlerTest, DirectoryKeepsOnlyTheCallbacksOfTheChosenCollections) {
   ASSERT_LT(io, unsigned(VORX_COLLECTION_EOF));
   io_only[io / 32] |= 1u << (io % 32);
   ASSERT_EQ(vorx_register_callbacks(&g_vorx_tp_cbks, io_only), 1u);
+  EXPECT_TRUE(vorx_directory_has_callbacks(VORX_CALLBACK_INDEX(vorx_pi_read, 1, vorx_or_post)));
+  EXPECT_FALSE(vorx_directory_has_callbacks(VORX_CALLBACK_INDEX(vorx_pi_pthread_mutex_lock, 1, vorx_or_post)));
 
   data_.params.u_pthread_mutex_lock.__mutex = &data_;
   vorx_run_directory_callbacks(VORX_CALLBACK_INDEX(vorx_pi_pthread_mutex_lock, 1, vorx_or_post), &wsp_, &data_);
@@ -207,7 +209,9 @@ TEST_F(HandlerTest, DirectoryKeepsOnlyTheCallbacksOfTheChosenCollections) {
   vorx_u32_t with_threading[VORX_CONF_COLLECTION_WORDS] = {};
   with_threading[threading / 32] |= 1u << (threading % 32);
   vorx_unlink_callback_tables();
+  EXPECT_FALSE(vorx_directory_has_callbacks(VORX_CALLBACK_INDEX(vorx_pi_read, 1, vorx_or_post)));
   ASSERT_EQ(vorx_register_callbacks(&g_vorx_tp_cbks, with_threading), 1u);
+  EXPECT_TRUE(vorx_directory_has_callbacks(VORX_CALLBACK_INDEX(vorx_pi_pthread_mutex_lock, 1, vorx_or_post)));
   data_.params.u___ozk_sync_create.__objtype = "lock";
   data_.params.u___ozk_sync_create.__objname = "queue";
   vorx_run_directory_callbacks(VORX_CALLBACK_INDEX(vorx_pi___ozk_sync_create, 0, vorx_or_post), &wsp_, &data_);
