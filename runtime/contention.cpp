@@ -7,12 +7,9 @@
 #include "event_filtering.h"
 #include "vorx_log.h"
 
-extern "C" vorx_u32_t g_vorx_sync_waiters;
-
 namespace {
 
 vorx_filtering_data* as_filtering(void* data) { return static_cast<vorx_filtering_data*>(data); }
-
 
 void count_waiter_in(vorx_filtering_data* fd) {
   if (__atomic_exchange_n(&fd->sys_sync.count, 1u, __ATOMIC_ACQ_REL) == 0)

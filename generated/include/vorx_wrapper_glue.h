@@ -36,8 +36,7 @@ void vorx_filtering_push_sync(void* filtering_data, void* object);
 int vorx_filtering_contended(void* filtering_data);
 void vorx_filtering_clear_sync(void* filtering_data);
 uint32_t vorx_filtering_user_heap_nesting(void* filtering_data);
-int vorx_sync_waiters_possible(void);
-extern uint32_t g_vorx_sync_waiters;
+extern uint32_t g_vorx_sync_waiters;  // threads with a lock object in their block; read inline below
 void vorx_user_sync_open(void* wsp, const vorx_probe_data_t* data, void* object);
 void vorx_user_sync_close(void* wsp, void* object, uint64_t* enter_time);
 int vorx_find_sync_waiter(vorx_ts_desc_t* key, void* filtering_data, void* object, int user_sync, uint64_t* since);

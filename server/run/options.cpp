@@ -16,8 +16,6 @@ std::string collection_words() {
   return words;
 }
 
-// Ticks of the time source in a microsecond: the system clock counts
-// nanoseconds; the time stamp counter runs at the processor's clock.
 // The processor's counter is the cheaper clock by far (one instruction against a clock_gettime call), but
 // only where it ticks at one constant rate whatever the core's speed and sleep states, on one memory node.
 bool counter_is_usable() {
@@ -33,6 +31,8 @@ bool counter_is_usable() {
   return constant && nonstop && !std::filesystem::exists("/sys/devices/system/node/node1");
 }
 
+// Ticks of the time source in a microsecond: the system clock counts
+// nanoseconds; the time stamp counter runs at the processor's clock.
 uint64_t ticks_per_microsecond(const std::string &time_source) {
   if (time_source != "tsc") return 1000;
   std::ifstream cpuinfo("/proc/cpuinfo");
