@@ -344,25 +344,24 @@ def emit_callback(out, fn, form, version, items, order):
         tail.add(item)
     out.append(f'extern "C" void {cb}(void* w, vorx_probe_data_t* data) {{')
     out.append("  vorx_workspace* wsp = static_cast<vorx_workspace*>(w);")
+    open_record = "vorx_cbk_open_call_record" if form == 1 else "vorx_cbk_open_point_record"
+    size = f"{1 + tail.fixed}u" if items else "0u"
     if items:
         out.append(f"  const auto& p = data->params.u_{fn.cname};")
         if tail.texts:
-            # texts are measured first: the block on the stack is exactly as long as the record's values
+            # texts are measured first: the record is exactly as long as its values
             size = f"{1 + tail.fixed}u" + "".join(text_size(t) for t in tail.texts)
             out.append(f"  const uint32_t size = {size};")
-            out.append("  uint8_t* t = static_cast<uint8_t*>(__builtin_alloca(size));")
             size = "size"
-        else:
-            size = f"{1 + tail.fixed}u"
-            out.append(f"  uint8_t t[{1 + tail.fixed}];")
+    # the values are written straight into the unit, behind the head
+    out.append("  vorx_cbk_record r;")
+    out.append(f"  uint8_t* t = {open_record}(&r, wsp, data, vorx_cbk_unit(wsp, data), vorx_pi_{fn.cname}, {size});")
+    out.append("  if (!t) return;")
+    if items:
         out.append(f"  uint32_t n = vorx_cbk_u8(t, {version});")
         out.extend("  " + s for s in tail.stmts)
         out.append(f"  VORX_ASSERT(n == {size});")
-        tail_args = "t, n"
-    else:
-        tail_args = "nullptr, 0"
-    put = "vorx_cbk_put_call_record" if form == 1 else "vorx_cbk_put_point_record"
-    out.append(f'  {put}(wsp, data, vorx_cbk_unit(wsp, data), vorx_pi_{fn.cname}, {tail_args}, "{cb}");')
+    out.append(f'  vorx_cbk_close_record(&r, "{cb}");')
     out.append("}")
     return cb
 

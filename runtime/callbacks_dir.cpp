@@ -13,15 +13,21 @@ namespace {
 // Linked at init (before the runtime opens) and unlinked at detach or abort; walked without locks by
 // application threads in between.
 vorx_callback_table* g_vorx_callbacks_dir = nullptr;
-// Whether any linked table has a callback at an index: asked by every measured call, kept with the links.
+// Whether any linked table has a callback at an index, and whether all of them there are plain records:
+// asked by every measured call, kept with the links.
 uint8_t g_any_callback[VORX_CALLBACK_ENTRIES];
+uint8_t g_plain_records[VORX_CALLBACK_ENTRIES];
 
 void note_linked_callbacks() {
   for (unsigned index = 0; index < VORX_CALLBACK_ENTRIES; ++index) {
-    uint8_t any = 0;
-    for (const vorx_callback_table* table = g_vorx_callbacks_dir; table; table = table->next)
-      any |= table->entries[index] != nullptr;
+    uint8_t any = 0, plain = 1;
+    for (const vorx_callback_table* table = g_vorx_callbacks_dir; table; table = table->next) {
+      bool here = table->entries[index] != nullptr;
+      any |= here;
+      if (here && table != &g_vorx_tp_cbks) plain = 0;
+    }
     g_any_callback[index] = any;
+    g_plain_records[index] = any & plain;
   }
 }
 
@@ -90,10 +96,13 @@ void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* 
 
 int vorx_directory_has_callbacks(uint32_t index) { return g_any_callback[index]; }
 
+int vorx_directory_plain_records(uint32_t index) { return g_plain_records[index]; }
+
 void vorx_unlink_callback_tables(void) {
   vorx_callback_table* table = g_vorx_callbacks_dir;
   g_vorx_callbacks_dir = nullptr;
   memset(g_any_callback, 0, sizeof g_any_callback);
+  memset(g_plain_records, 0, sizeof g_plain_records);
   while (table) {
     vorx_callback_table* next = table->next;
     table->next = nullptr;

@@ -16,6 +16,16 @@ constexpr uint32_t kCallDescriptor = 0x03000017u;  // tid and aux_id present, au
 constexpr uint32_t kPointFlag = 0x80000000u;
 constexpr uint32_t kHeadMax = 64;
 
+// The heads of both record forms have one length for the descriptor the callbacks use.
+uint32_t head_size(uint32_t (*put)(uint8_t*)) {
+  uint8_t scratch[kHeadMax];
+  return put(scratch);
+}
+const uint32_t kCallHeadSize =
+    head_size([](uint8_t* d) { return tf_apiwrap_v1_put_head(d, kCallDescriptor, 0, 0, 0, 0, 0, 0, 0); });
+const uint32_t kPointHeadSize =
+    head_size([](uint8_t* d) { return tf_apiwrap_v2_put_head(d, kCallDescriptor, 0, 0, 0, 0, 0); });
+
 // Library objects of the annotation API start with a tag and then their id.
 struct annotation_object_head {
   uint32_t tag;
@@ -64,20 +74,24 @@ vorx_tmu_t* vorx_cbk_unit(vorx_workspace* wsp, const vorx_probe_data_t* data) {
   return wsp->master_tmu;
 }
 
-void vorx_cbk_put_call_record(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
-                              const uint8_t* tail, uint32_t tail_len, const char* callback) {
-  uint8_t head[kHeadMax];
-  uint32_t head_len = tf_apiwrap_v1_put_head(head, kCallDescriptor, wsp->thread, 0, data->locals.leave_time,
-                                             data->locals.enter_time, 0, id, tail_len);
-  put_or_die(unit, head, head_len, tail, tail_len, callback);
+uint8_t* vorx_cbk_open_call_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
+                                   vorx_tmu_t* unit, uint32_t id, uint32_t tail_len) {
+  VORX_ASSERT(unit != nullptr);
+  r->unit = unit;
+  auto* d = static_cast<uint8_t*>(unit->open_record(unit, kCallHeadSize + tail_len, &r->lease));
+  if (!d) return nullptr;
+  return d + tf_apiwrap_v1_put_head(d, kCallDescriptor, wsp->thread, 0, data->locals.leave_time,
+                                    data->locals.enter_time, 0, id, tail_len);
 }
 
-void vorx_cbk_put_point_record(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
-                               const uint8_t* tail, uint32_t tail_len, const char* callback) {
-  uint8_t head[kHeadMax];
-  uint32_t head_len =
-      tf_apiwrap_v2_put_head(head, kCallDescriptor, wsp->thread, 0, data->locals.enter_time, id | kPointFlag, tail_len);
-  put_or_die(unit, head, head_len, tail, tail_len, callback);
+uint8_t* vorx_cbk_open_point_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
+                                    vorx_tmu_t* unit, uint32_t id, uint32_t tail_len) {
+  VORX_ASSERT(unit != nullptr);
+  r->unit = unit;
+  auto* d = static_cast<uint8_t*>(unit->open_record(unit, kPointHeadSize + tail_len, &r->lease));
+  if (!d) return nullptr;
+  return d + tf_apiwrap_v2_put_head(d, kCallDescriptor, wsp->thread, 0, data->locals.enter_time, id | kPointFlag,
+                                    tail_len);
 }
 
 void vorx_cbk_put_call_record_with_list(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit,

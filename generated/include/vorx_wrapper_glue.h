@@ -47,6 +47,7 @@ int vorx_mem_obj_htable_delete(void* table, void* address);
 // the callback directory
 void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data);
 int vorx_directory_has_callbacks(uint32_t index);
+int vorx_directory_plain_records(uint32_t index);
 // thin members
 void vorx_detach_runtime(void);
 void vorx_stop_notification_service(void);
@@ -88,7 +89,7 @@ struct binder_view {
 enum class enter_result { ok, acquired, not_found, closed, other };
 
 inline bool rtl_initialized() { return g_vorx_is_rtl_initialized != 0; }
-inline int* errno_location() { return applibc___errno_location(); }
+inline int* errno_location() { return vorx_app_errno_location(); }
 
 inline enter_result enter(key_t& key, wsp_t*& wsp) {
     void* data = nullptr;
@@ -146,6 +147,10 @@ inline void run_callbacks(unsigned index, wsp_t* wsp, vorx_probe_data_t* data) {
     vorx_run_directory_callbacks(index, wsp, data);
 }
 inline bool has_callbacks(unsigned index) { return vorx_directory_has_callbacks(index) != 0; }
+// Only plain records before the call (they read the parameters, the time and the state) and nothing after it.
+inline bool records_only(unsigned pre_index, unsigned post_index) {
+    return vorx_directory_plain_records(pre_index) != 0 && vorx_directory_has_callbacks(post_index) == 0;
+}
 inline int update_parent_probe_params() { return vorx_update_parent_probe_params(); }
 inline void update_nested_probe_params(vorx_probe_data_t* d, vorx_probe_data_t* w) {
     vorx_update_nested_probe_params(d, w);

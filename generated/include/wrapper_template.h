@@ -649,10 +649,58 @@ template <class T>
     return finish(f);
 }
 
+// Leaf calls whose only work is the record before them (the annotation API's tasks, events and metadata
+// while no stacks are taken): the thread enters, stamps the time, writes the record and leaves before the
+// original. The callbacks of plain records read the parameters, the time, the state and the unit's choice
+// alone, so none of the frame that waits, stacks and nesting need is set up. Anything else (another kind of
+// callback, a call nested in an original or in the collector) takes the full path.
+template <class T>
+[[gnu::noinline]] typename T::result_t record_then_call(typename T::params_t& args, unsigned mod, unsigned ver) {
+    static_assert(T::kind == kind::event, "only plain events are leaves");
+    const unsigned state = glue::conf_state();
+    const unsigned pre_index = VORX_CALLBACK_INDEX(T::id, state, vorx_or_pre);
+    if (!glue::records_only(pre_index, VORX_CALLBACK_INDEX(T::id, state, vorx_or_post)))
+        return measure<T>(args, mod, ver);
+    int* errno_at = glue::errno_location();
+    const int err = *errno_at;
+    glue::key_t key = nullptr;
+    glue::wsp_t* wsp = nullptr;
+    glue::enter_result entered = glue::enter(key, wsp);
+    if (entered == glue::enter_result::ok) {
+        glue::mask_t saved{};
+        glue::block_signals(wsp, saved);
+        const unsigned old_level = glue::runtime_level(wsp);
+        bool nested = old_level != level_application;
+        if (!nested) {
+            glue::runtime_level(wsp) = level_runtime;
+            vorx_probe_data_t data;
+            T::in(data) = args;
+            data.next_wait = nullptr;
+            data.locals.state = state;
+            data.locals.to_aux_tmu = T::to_aux ? 1 : 0;
+            data.locals.last_probe_id = T::id;
+            data.locals.enter_time = data.locals.leave_time = glue::now();
+            glue::run_callbacks(pre_index, wsp, &data);
+        }
+        if (glue::unblock_signals(key, wsp, saved)) {
+            glue::runtime_level(wsp) = old_level;
+            glue::release(key);
+        }
+        if (nested) return measure<T>(args, mod, ver);
+    } else {
+        VORX_WRAPPER_ASSERT(entered == glue::enter_result::acquired || entered == glue::enter_result::not_found);
+    }
+    *errno_at = err;
+    T::call(own_trampoline<T>(mod, ver), args);
+    if constexpr (!std::is_void_v<typename T::result_t>) return args.__result;
+}
+
 template <class T, unsigned M, unsigned V>
 inline typename T::result_t wrap(typename T::params_t& args) {
     if constexpr (T::kind == kind::thin) {
         return thin_path<T, M, V>(args);
+    } else if constexpr (T::leaf) {
+        return record_then_call<T>(args, M, V);
     } else {
         return measure<T>(args, M, V);
     }

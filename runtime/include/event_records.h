@@ -34,6 +34,9 @@ extern const vorx_callback_t g_vorx_ss_cbks_generated[VORX_CALLBACK_ENTRIES];
 void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data);
 /* 1 when some table of the directory has a callback at index. */
 int vorx_directory_has_callbacks(uint32_t index);
+/* 1 when every callback at index is a record of the tp table, which reads nothing of the call but its
+ * parameters, times, state and unit. */
+int vorx_directory_plain_records(uint32_t index);
 
 /* Applies the filter of collection_types (bitmap words of the configuration) to the table and links it
  * into the directory; 1 linked, 0 left out because no id of it is active. */
@@ -41,12 +44,24 @@ vorx_u32_t vorx_register_callbacks(vorx_callback_table* table, const vorx_u32_t*
 
 /* The unit of the record: aux_tmu when the call says so and the workspace has one. */
 vorx_tmu_t* vorx_cbk_unit(vorx_workspace* wsp, const vorx_probe_data_t* data);
-/* A type 7 record: the call's times, the thread, `id`, then `tail` (version byte and values, or nothing). */
-void vorx_cbk_put_call_record(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
-                              const uint8_t* tail, uint32_t tail_len, const char* callback);
-/* A type 9 record: one time (enter_time), id | 0x80000000, then `tail`. */
-void vorx_cbk_put_point_record(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
-                               const uint8_t* tail, uint32_t tail_len, const char* callback);
+/* A record written in place: open writes the head into the unit and answers where the tail_len bytes of
+ * values go (NULL: the unit drops records, and there is nothing to close); close ends it. Between the two
+ * the unit is the caller's alone: nothing else may be recorded meanwhile. */
+typedef struct vorx_cbk_record {
+  vorx_tmu_t* unit;
+  vorx_tmu_lease_t lease;
+} vorx_cbk_record;
+/* A type 7 record: the call's times, the thread, `id`, then the values. */
+uint8_t* vorx_cbk_open_call_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
+                                   vorx_tmu_t* unit, uint32_t id, uint32_t tail_len);
+/* A type 9 record: one time (enter_time), id | 0x80000000, then the values. */
+uint8_t* vorx_cbk_open_point_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
+                                    vorx_tmu_t* unit, uint32_t id, uint32_t tail_len);
+/* The fatal end of a record that the unit refused. */
+void vorx_cbk_record_lost(const char* callback) __attribute__((noreturn));
+static inline void vorx_cbk_close_record(vorx_cbk_record* r, const char* callback) {
+  if (!vorx_tmu_close_record(r->unit, &r->lease)) vorx_cbk_record_lost(callback);
+}
 /* A type 7 record whose values end with a list of 32-bit words (the ready descriptors of poll and select):
  * `prefix` is the version byte and the fixed values, `list` the words behind them. */
 void vorx_cbk_put_call_record_with_list(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit,
@@ -58,9 +73,6 @@ uint32_t vorx_cbk_poll_fds(vorx_workspace* wsp, const void* fds, uint32_t nfds);
  * descriptor set in two sets appears twice. */
 void vorx_get_signaled_fds(vorx_fd_vector* fd_vector, const void* readfds, const void* writefds,
                            const void* exceptfds, int nfds, uint32_t* out_count);
-/* The fatal end of a record that the unit refused. */
-void vorx_cbk_record_lost(const char* callback) __attribute__((noreturn));
-
 /* Pieces of a tail, little-endian at any alignment; each returns the bytes written. */
 static inline uint32_t vorx_cbk_u8(uint8_t* d, uint8_t v) { *d = v; return 1; }
 static inline uint32_t vorx_cbk_u32(uint8_t* d, uint32_t v) { __builtin_memcpy(d, &v, 4); return 4; }

@@ -65,6 +65,16 @@ int is_control_service_thread_current(void);
 /* The application's own functions, through the probe table's trampolines;
  * each asserts that the trampoline is there. */
 int* applibc___errno_location(void);
+/* Whether threads have the static TLS block of a thread library (not the page that stands in for it
+ * early): only then does the collector keep per-thread answers there. */
+extern bool g_vorx_db_static_tls;
+/* The answer above as this thread kept it (null until the first ask): read inline by the wrappers, which
+ * need it twice per call. */
+extern __thread int* vorx_t_app_errno __attribute__((tls_model("initial-exec")));
+static inline int* vorx_app_errno_location(void) {
+  int* kept = g_vorx_db_static_tls ? vorx_t_app_errno : (int*)0;
+  return kept ? kept : applibc___errno_location();
+}
 void* applibc_dlopen(const char* file, int mode);
 int applibc_dlclose(void* handle);
 void* applibc_dlsym(void* handle, const char* name);

@@ -130,6 +130,8 @@ inline void run_callbacks(unsigned index, wsp_t*, vorx_probe_data_t* d) {
     fake::st().last_params = d->params;
 }
 inline bool has_callbacks(unsigned) { return fake::st().post_callbacks; }
+// the records' own path is taken exactly when nothing follows the call
+inline bool records_only(unsigned, unsigned) { return !fake::st().post_callbacks; }
 inline int update_parent_probe_params() { return 0; }
 inline void update_nested_probe_params(vorx_probe_data_t*, vorx_probe_data_t*) {}
 inline void is_runtime_in_nested_original(vorx_probe_data_t*, unsigned, wsp_t*) { ++fake::st().nested_checks; }

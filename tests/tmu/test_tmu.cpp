@@ -75,6 +75,53 @@ TEST_F(Units, TwoBuffersSwitchAndKeepEachWritersOrder)
   expect_sequence(c, 2, 0, kThreeMiBOfRecords);
 }
 
+// Records built in place take their turn with copied ones, through spills; a record too big to be written
+// under the buffer lock is reserved and confirmed instead; a detached unit gives no room and drops nothing
+// that was written before.
+TEST_F(Units, RecordsBuiltInPlaceKeepTheirPlaceAcrossSpills)
+{
+  std::string path = dir_.file("inplace.th");
+  vorx_tmu_t *u = creator_->alloc(creator_, vorx_tmu_per_thread, path.c_str());
+  ASSERT_NE(u, nullptr);
+  std::uint64_t reserved = 0; // records that found the buffer full: written outside the lock
+  for (std::uint64_t i = 0; i < kThreeMiBOfRecords; i++) {
+    if (i % 2) {
+      ASSERT_EQ(put_sample(u, 1, i), 1);
+      continue;
+    }
+    vorx_tmu_lease_t lease;
+    void *dest = u->open_record(u, TF_CPU_SAMPLE_SIZE, &lease);
+    ASSERT_NE(dest, nullptr);
+    reserved += lease.held_lock == nullptr;
+    tf_cpu_sample_put(static_cast<std::uint8_t *>(dest), 1, 0, i, 1000, 7);
+    ASSERT_EQ(vorx_tmu_close_record(u, &lease), 1);
+  }
+  EXPECT_GE(u->pool.buffs[0].spills, 2u);
+  EXPECT_LE(reserved, u->pool.buffs[0].spills) << "small records are written under the lock";
+
+  std::vector<std::uint8_t> body(4000, 0xCD);
+  std::uint8_t head[32];
+  std::uint32_t n = tf_cpuinfo_put_head(head, 1, 0, std::uint32_t(body.size()));
+  vorx_tmu_lease_t lease;
+  auto *dest = static_cast<std::uint8_t *>(u->open_record(u, n + std::uint32_t(body.size()), &lease));
+  ASSERT_NE(dest, nullptr);
+  EXPECT_EQ(lease.held_lock, nullptr);
+  std::memcpy(dest, head, n);
+  std::memcpy(dest + n, body.data(), body.size());
+  EXPECT_EQ(vorx_tmu_close_record(u, &lease), 1);
+  EXPECT_EQ(u->pool.buffs[0].pend_writes_cntr, 0);
+  EXPECT_EQ(put_sample(u, 1, kThreeMiBOfRecords), 1);
+  EXPECT_EQ(u->spill(u), 1);
+
+  creator_->detach(creator_, u);
+  EXPECT_EQ(u->open_record(u, TF_CPU_SAMPLE_SIZE, &lease), nullptr);
+  EXPECT_EQ(vorx_tmu_close_record(u, &lease), 1);
+  creator_->discard_unit(creator_, u);
+  Collected c = read_trace(path);
+  EXPECT_TRUE(c.problems.empty());
+  expect_sequence(c, 1, 0, kThreeMiBOfRecords + 1);
+}
+
 TEST_F(Units, FileWriterAppendsToWhatIsThere)
 {
   std::string path = dir_.file("append.trace");

@@ -71,6 +71,14 @@ typedef struct vorx_tmu_buffer {
   vorx_u64_t spills;
 } vorx_tmu_buffer_t;
 
+/* A record being written in place. A small one is written under the buffer lock, which close lets go;
+ * a bigger one was reserved outside it and is confirmed. */
+typedef struct vorx_tmu_lease {
+  volatile vorx_u32_t *held_lock;
+  vorx_tmu_buffer_t *buffer;
+  int ok; /* 0: the spill that made room failed, the record is lost */
+} vorx_tmu_lease_t;
+
 struct vorx_tmu {
   /* Operations, replaced as the unit changes state (no writer, working, detached). */
   int (*set_file)(vorx_tmu_t *tmu, const char *path);
@@ -79,6 +87,10 @@ struct vorx_tmu {
   int (*spill)(vorx_tmu_t *tmu);
   int (*put_encoded)(vorx_tmu_t *tmu, const void *record);
   void (*confirm_record)(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buffer);
+  /* Room for size bytes, written by the caller and then given back with vorx_tmu_close_record; NULL when
+   * the unit drops records (no writer, detached). Nothing else may be written into the unit meanwhile by
+   * the same thread. */
+  void *(*open_record)(vorx_tmu_t *tmu, vorx_u32_t size, vorx_tmu_lease_t *lease);
 
   struct {
     vorx_tmu_buffer_t *buffs;
@@ -108,6 +120,17 @@ struct vorx_tmu {
 
 /* Two-phase write: room for size bytes in the active buffer; confirm_record when written. */
 int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_tmu_buffer_t **buffer);
+
+/* Ends a write begun with open_record: 1 when the record is in the unit. */
+static inline int vorx_tmu_close_record(vorx_tmu_t *tmu, vorx_tmu_lease_t *lease)
+{
+  if (lease->held_lock) {
+    __atomic_store_n(lease->held_lock, 0u, __ATOMIC_RELEASE);
+    return 1;
+  }
+  if (lease->buffer) tmu->confirm_record(tmu, lease->buffer);
+  return lease->ok;
+}
 
 void vorx_tmu_set_write_record_callbacks(vorx_tmu_t *tmu, vorx_tmu_length_cb length, vorx_tmu_encode_cb encode);
 void vorx_tmu_disable_compression(vorx_tmu_t *tmu);

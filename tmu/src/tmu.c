@@ -335,10 +335,31 @@ static void tmu_confirm(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buff)
   __atomic_sub_fetch(&buff->pend_writes_cntr, 1, __ATOMIC_ACQ_REL);
 }
 
-/* Small records are copied while the buffer lock is held: a copy of a few dozen bytes costs less than the
- * two atomic operations on pend_writes_cntr that let a writer copy outside the lock. A spill takes the
- * same lock, so it never sees such a record half written. */
-enum { k_copy_under_lock = 256 };
+/* Small records are written while the buffer lock is held: a few dozen bytes cost less than the two atomic
+ * operations on pend_writes_cntr that let a writer work outside the lock. A spill takes the same lock, so
+ * it never sees such a record half written. */
+enum { k_write_under_lock = 256 };
+
+static void *tmu_open_record(vorx_tmu_t *tmu, vorx_u32_t size, vorx_tmu_lease_t *lease)
+{
+  if (size <= k_write_under_lock) {
+    unit_lock(&tmu->buffer_lock);
+    vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
+    if (fits(active, size) && !(tmu->mode == vorx_tmu_mode_ring && buffer_empty(active))) {
+      void *dest = active->write_ptr;
+      active->write_ptr += size;
+      lease->held_lock = &tmu->buffer_lock;
+      lease->buffer = NULL;
+      lease->ok = 1;
+      return dest;
+    }
+    unit_unlock(&tmu->buffer_lock); /* a spill, a switch or a ring's first record: the full path */
+  }
+  void *dest;
+  lease->held_lock = NULL;
+  lease->ok = vorx_tmu_alloc_record(tmu, size, &dest, &lease->buffer);
+  return dest;
+}
 
 /* A few dozen bytes: copied in place, where a call of the library's memcpy (through its table, then to the
  * variant for this processor) costs more than the copy itself. */
@@ -354,29 +375,18 @@ static inline vorx_u8_t *copy_small(vorx_u8_t *dest, const void *source, vorx_u3
   return dest;
 }
 
-static int put_small_record(vorx_tmu_t *tmu, const void *head, vorx_u32_t head_size, const void *tail,
-                            vorx_u32_t tail_size)
-{
-  vorx_u32_t size = head_size + tail_size;
-  unit_lock(&tmu->buffer_lock);
-  vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
-  int simple = fits(active, size) && !(tmu->mode == vorx_tmu_mode_ring && buffer_empty(active));
-  if (simple) active->write_ptr = copy_small(copy_small(active->write_ptr, head, head_size), tail, tail_size);
-  unit_unlock(&tmu->buffer_lock);
-  return simple;
-}
-
 static int tmu_put_record(vorx_tmu_t *tmu, const void *head, vorx_u32_t head_size, const void *tail, vorx_u32_t tail_size)
 {
-  if (head_size + tail_size <= k_copy_under_lock && put_small_record(tmu, head, head_size, tail, tail_size))
-    return 1;
-  void *dest;
-  vorx_tmu_buffer_t *buf;
-  int res = vorx_tmu_alloc_record(tmu, head_size + tail_size, &dest, &buf);
-  memcpy(dest, head, head_size);
-  if (tail_size) memcpy((vorx_u8_t *)dest + head_size, tail, tail_size);
-  tmu->confirm_record(tmu, buf);
-  return res;
+  vorx_u32_t size = head_size + tail_size;
+  vorx_tmu_lease_t lease;
+  vorx_u8_t *dest = tmu_open_record(tmu, size, &lease);
+  if (size <= k_write_under_lock) {
+    copy_small(copy_small(dest, head, head_size), tail, tail_size);
+  } else {
+    memcpy(dest, head, head_size);
+    if (tail_size) memcpy(dest + head_size, tail, tail_size);
+  }
+  return vorx_tmu_close_record(tmu, &lease);
 }
 
 static int tmu_put_encoded(vorx_tmu_t *tmu, const void *record)
@@ -395,6 +405,13 @@ static int tmu_put_encoded(vorx_tmu_t *tmu, const void *record)
 static int idle_put_record(vorx_tmu_t *t, const void *h, vorx_u32_t hs, const void *tl, vorx_u32_t ts) { return 1; }
 static int idle_spill(vorx_tmu_t *t) { return 1; }
 static int idle_put_encoded(vorx_tmu_t *t, const void *r) { return 1; }
+static void *idle_open_record(vorx_tmu_t *t, vorx_u32_t size, vorx_tmu_lease_t *lease)
+{
+  lease->held_lock = NULL;
+  lease->buffer = NULL;
+  lease->ok = 1;
+  return NULL;
+}
 
 static int tmu_set_file(vorx_tmu_t *tmu, const char *path);
 static int tmu_set_fd(vorx_tmu_t *tmu, int fd);
@@ -404,6 +421,7 @@ static void install_idle(vorx_tmu_t *tmu)
   tmu->put_record = idle_put_record;
   tmu->spill = idle_spill;
   tmu->put_encoded = idle_put_encoded;
+  tmu->open_record = idle_open_record;
 }
 
 static void install_working(vorx_tmu_t *tmu)
@@ -411,6 +429,7 @@ static void install_working(vorx_tmu_t *tmu)
   tmu->put_record = tmu_put_record;
   tmu->spill = tmu_spill;
   tmu->put_encoded = tmu_put_encoded;
+  tmu->open_record = tmu_open_record;
 }
 
 static void writer_close_destroy(vorx_tmu_t *tmu)

@@ -218,10 +218,10 @@ struct key_cache {
   void* values[VORX_DEEPBIND_TLS_KEYS];
 };
 __thread key_cache t_keys __attribute__((tls_model("initial-exec")));
+}  // namespace
+bool g_vorx_db_static_tls = false;
+namespace {
 uint32_t g_key_generation = 1;
-__thread int* t_app_errno __attribute__((tls_model("initial-exec")));
-/* Only threads of a thread library have the static TLS block: not the page that stands in for it early. */
-bool g_keys_cacheable = false;
 
 void keys_changed() { __atomic_add_fetch(&g_key_generation, 1, __ATOMIC_RELEASE); }
 
@@ -354,8 +354,8 @@ void vorx_deepbind_set_internal_thread_stack_boundaries(uintptr_t high, uintptr_
 
 void vorx_deepbind_init(int is_attaching) {
   /* Under the audit loader the thread block already exists: keep it. */
-  g_keys_cacheable = is_attaching || thread_block_present();
-  if (!g_keys_cacheable) install_thread_block();
+  g_vorx_db_static_tls = is_attaching || thread_block_present();
+  if (!g_vorx_db_static_tls) install_thread_block();
   g_main_tsd = sal_get_tsd();
   for (int i = 0; i < VORX_DEEPBIND_TLS_KEYS; ++i) g_tls_map.pthread_keys[i] = VORX_DEEPBIND_NO_KEY;
   g_active = 1;
@@ -649,7 +649,7 @@ int vorx_db_key_create(pthread_key_t* key, void (*destructor)(void*)) {
 void* vorx_db_getspecific(pthread_key_t key) {
   check_key(key);
   if (on_service_stack()) return g_tls_map.service_values[key];
-  if (!g_keys_cacheable || !library_mode()) return read_specific(key);
+  if (!g_vorx_db_static_tls || !library_mode()) return read_specific(key);
   void* cached;
   if (cached_value(key, &cached)) return cached;
   uint32_t generation = __atomic_load_n(&g_key_generation, __ATOMIC_ACQUIRE), stores = t_keys.stores;
@@ -672,7 +672,7 @@ int vorx_db_setspecific(pthread_key_t key, const void* value) {
   }
   if (mode == vorx_deepbind_pthread_mode_go) x86_mode_not_implemented();
   DB_CHECK(g_process_id != 0, "g_process_id != 0");
-  if (g_keys_cacheable) ++t_keys.stores;
+  if (g_vorx_db_static_tls) ++t_keys.stores;
   int res = APP_FN(pthread_setspecific)(g_tls_map.pthread_keys[key], value);
   /* Values stored before the library came stay visible after it, and back:
    * the main thread's own, and any descriptor of the main thread. */
@@ -681,7 +681,7 @@ int vorx_db_setspecific(pthread_key_t key, const void* value) {
     g_tls_map.main_values[key] = (void*)value;
     keys_changed();
   }
-  if (g_keys_cacheable) t_keys.valid &= ~(1u << key);  /* read again through the rules above, once */
+  if (g_vorx_db_static_tls) t_keys.valid &= ~(1u << key);  /* read again through the rules above, once */
   return res;
 }
 
@@ -713,10 +713,11 @@ char* vorx_db_getenv(const char* name) {
 }
 
 /* A thread's errno never moves: each thread asks the application's library once. */
+__thread int* vorx_t_app_errno __attribute__((tls_model("initial-exec")));
 int* applibc___errno_location(void) {
-  if (!g_keys_cacheable) return APP_FN_CHECKED(__errno_location)();
-  if (!t_app_errno) t_app_errno = APP_FN_CHECKED(__errno_location)();
-  return t_app_errno;
+  if (!g_vorx_db_static_tls) return APP_FN_CHECKED(__errno_location)();
+  if (!vorx_t_app_errno) vorx_t_app_errno = APP_FN_CHECKED(__errno_location)();
+  return vorx_t_app_errno;
 }
 void* applibc_dlopen(const char* file, int mode) { return APP_FN_CHECKED(dlopen)(file, mode); }
 int applibc_dlclose(void* handle) { return APP_FN_CHECKED(dlclose)(handle); }
