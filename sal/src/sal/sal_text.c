@@ -29,6 +29,14 @@ void sal_init_read_line_state(sal_read_line_state *state, int fd, char *buffer, 
     state->parsed = 0;
 }
 
+static int holds_line_feed(const char *text, vorx_size_t length)
+{
+    for (vorx_size_t i = 0; i < length; ++i)
+        if (text[i] == '\n')
+            return 1;
+    return 0;
+}
+
 int sal_read_line(sal_read_line_state *state, char **line)
 {
     SAL_ASSERT(state->parsed <= state->read);
@@ -43,11 +51,14 @@ int sal_read_line(sal_read_line_state *state, char **line)
     }
     state->parsed = 0;
 
-    /* 2. Top it up; a failed read adds nothing. */
-    vorx_ssize_t got = sal_read(state->fd, state->buffer + state->read,
-                                state->len - state->read - 1);
-    if (got > 0)
-        state->read += (vorx_size_t)got;
+    /* 2. Top it up when no whole line is held (a read per line would cost a system call per line of a
+     *    /proc file, which answers every read); a failed read adds nothing. */
+    if (!holds_line_feed(state->buffer, state->read)) {
+        vorx_ssize_t got = sal_read(state->fd, state->buffer + state->read,
+                                    state->len - state->read - 1);
+        if (got > 0)
+            state->read += (vorx_size_t)got;
+    }
     if (state->read == 0)
         return 0;
 
