@@ -52,3 +52,10 @@ for what in hot_call_ns lock_pair_ns; do
   echo "$what: unprobed $a ns, with a pass-through probe $p ns, probe cost" \
        "$(awk -v a="$a" -v p="$p" 'BEGIN { printf "%.2f", p - a }') ns/call"
 done
+
+model=$dir/kel_image_model_bench
+if [ -x "$model" ]; then
+  # The model of one image (ELF reading, then sections, symbols, routines and the name index), in-process.
+  "$model" --benchmark_filter='CreateImage/libc|CreateImage/loader|CreateVdso|ReadElf/libc' 2>/dev/null |
+    awk '/^BM_/ { printf "image model %s: %s %s\n", $1, $2, $3 }'
+fi

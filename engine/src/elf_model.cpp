@@ -9,8 +9,9 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <map>
-#include <set>
+#include <functional>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 namespace kel {
@@ -77,12 +78,15 @@ class ElfReader {
   uint64_t contents_offset(const typename L::Shdr& sh) const {
     return source_ == ElfSource::file ? sh.sh_offset : sh.sh_addr - link_base_;
   }
-  const char* string_at(const typename L::Shdr* table, uint64_t offset) const {
-    if (!table || offset >= table->sh_size) return "";
+  // A string of a string table, empty when it is not terminated inside the table. The length comes from the
+  // bounded search for its end, so callers need not measure it again.
+  std::string_view string_at(const typename L::Shdr* table, uint64_t offset) const {
+    if (!table || offset >= table->sh_size) return {};
     const char* base = at<char>(contents_offset(*table), table->sh_size);
-    if (!base) return "";
+    if (!base) return {};
     const char* s = base + offset;
-    return memchr(s, 0, table->sh_size - offset) ? s : "";
+    const auto* end = static_cast<const char*>(memchr(s, 0, table->sh_size - offset));
+    return end ? std::string_view(s, end - s) : std::string_view();
   }
 
   bool read_program_headers(const typename L::Ehdr& eh, ElfModel* model) {
@@ -111,9 +115,10 @@ class ElfReader {
     if (!shdrs_) return false;
     shnum_ = eh.e_shnum;
     const typename L::Shdr* names = eh.e_shstrndx < shnum_ ? &shdrs_[eh.e_shstrndx] : nullptr;
+    model->sections.reserve(model->sections.size() + shnum_);
     for (unsigned i = 0; i < shnum_; ++i) {
       const auto& sh = shdrs_[i];
-      ElfSection s;
+      ElfSection& s = model->sections.emplace_back();
       s.name = string_at(names, sh.sh_name);
       s.address = sh.sh_addr;
       s.size = sh.sh_size;
@@ -122,7 +127,6 @@ class ElfReader {
       s.allocated = sh.sh_flags & SHF_ALLOC;
       s.executable = sh.sh_flags & SHF_EXECINSTR;
       s.writable = sh.sh_flags & SHF_WRITE;
-      model->sections.push_back(std::move(s));
     }
     return true;
   }
@@ -162,7 +166,7 @@ class ElfReader {
     return &shdrs_[dynsym->sh_link];
   }
 
-  // Version definitions: index -> name, from .gnu.version_d. Indices 0 and 1 (local, global) have no name,
+  // Version definitions: index -> the suffixes it gives names, from .gnu.version_d. Indices 0 and 1 (local, global) have no name,
   // nor does the definition flagged as the file's own base.
   void read_versions() {
     const auto* verdef_sh = section_of_type(SHT_GNU_verdef);
@@ -176,7 +180,14 @@ class ElfReader {
       if (!vd) return;
       if (!(vd->vd_flags & VER_FLG_BASE) && vd->vd_cnt > 0) {
         const auto* aux = at<Elf32_Verdaux>(offset + vd->vd_aux);
-        if (aux) version_names_[vd->vd_ndx & 0x7fff] = string_at(strings, aux->vda_name);
+        if (aux) {
+          // Kept as the two suffixes a symbol name takes, so that a name is built in one allocation.
+          unsigned index = vd->vd_ndx & 0x7fff;
+          if (index >= versions_.size()) versions_.resize(index + 1);
+          versions_[index].known = true;
+          versions_[index].hidden_suffix = std::string("@").append(string_at(strings, aux->vda_name));
+          versions_[index].default_suffix = "@" + versions_[index].hidden_suffix;
+        }
       }
       if (vd->vd_next == 0) break;
       offset += vd->vd_next;
@@ -193,13 +204,31 @@ class ElfReader {
     if (!syms) return;
     const uint16_t* versyms = nullptr;
     if (dynamic && versym_sh_) versyms = at<uint16_t>(contents_offset(*versym_sh_), count);
+    model->symbols.reserve(model->symbols.size() + count);
+    if (dynamic && remember_dynamic_) seen_.reserve(count);
     for (size_t i = 1; i < count; ++i) {
       const auto& s = syms[i];
       uint8_t type = L::sym_type(s);
       if (s.st_shndx == SHN_UNDEF || type == STT_SECTION || type == STT_FILE) continue;
-      ElfSymbol sym;
-      sym.name = string_at(strings, s.st_name);
-      if (sym.name.empty()) continue;
+      std::string_view name = string_at(strings, s.st_name);
+      if (name.empty()) continue;
+      if (dynamic) {
+        // The plain name is the string table's up to any '@': the version comes from .gnu.version.
+        if (remember_dynamic_) seen_.insert({name.substr(0, name.find('@')), static_cast<uint64_t>(s.st_value)});
+      } else if (!seen_.empty() && seen_.count({name, static_cast<uint64_t>(s.st_value)})) {
+        continue;  // the .dynsym entry already says it, with its version
+      }
+      ElfSymbol& sym = model->symbols.emplace_back();
+      const Version* version = versyms ? version_of(versyms[i]) : nullptr;
+      if (version) {
+        bool hidden = versyms[i] & 0x8000;
+        const std::string& suffix = hidden ? version->hidden_suffix : version->default_suffix;
+        sym.name.reserve(name.size() + suffix.size());
+        sym.name.append(name).append(suffix);
+        sym.default_version = !hidden;
+      } else {
+        sym.name = std::string(name);
+      }
       sym.value = s.st_value;
       sym.size = s.st_size;
       sym.index = static_cast<uint32_t>(i);
@@ -207,25 +236,25 @@ class ElfReader {
       sym.type = type;
       sym.binding = L::sym_bind(s);
       sym.dynamic = dynamic;
-      if (versyms) apply_version(versyms[i], &sym);
-      if (dynamic) {
-        if (remember_dynamic_) seen_.insert({plain_name(sym.name), sym.value});
-      } else if (seen_.count({sym.name, sym.value})) {
-        continue;  // the .dynsym entry already says it, with its version
-      }
-      model->symbols.push_back(std::move(sym));
     }
   }
 
-  void apply_version(uint16_t versym, ElfSymbol* sym) const {
-    auto found = version_names_.find(versym & 0x7fff);
-    if (found == version_names_.end()) return;
-    bool hidden = versym & 0x8000;
-    sym->default_version = !hidden;
-    sym->name += hidden ? "@" : "@@";
-    sym->name += found->second;
+  struct Version {
+    bool known = false;
+    std::string hidden_suffix;   // "@VER"
+    std::string default_suffix;  // "@@VER"
+  };
+  const Version* version_of(uint16_t versym) const {
+    unsigned index = versym & 0x7fff;
+    return index < versions_.size() && versions_[index].known ? &versions_[index] : nullptr;
   }
-  static std::string plain_name(const std::string& name) { return name.substr(0, name.find('@')); }
+
+  // (plain name, value) of the .dynsym entries; the names point into the mapped string table.
+  struct SeenHash {
+    size_t operator()(const std::pair<std::string_view, uint64_t>& k) const {
+      return std::hash<std::string_view>()(k.first) ^ (std::hash<uint64_t>()(k.second) * 0x9e3779b9u);
+    }
+  };
 
   std::span<const uint8_t> bytes_;
   ElfSource source_;
@@ -235,9 +264,9 @@ class ElfReader {
   const typename L::Shdr* shdrs_ = nullptr;
   unsigned shnum_ = 0;
   const typename L::Shdr* versym_sh_ = nullptr;
-  std::map<unsigned, std::string> version_names_;
+  std::vector<Version> versions_;  // by version index
   bool remember_dynamic_ = false;
-  std::set<std::pair<std::string, uint64_t>> seen_;
+  std::unordered_set<std::pair<std::string_view, uint64_t>, SeenHash> seen_;
 };
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -61,7 +62,10 @@ struct Image {
   uint32_t first_section = 0, section_count = 0;  // global section indices
   uint32_t first_symbol = 0, symbol_count = 0;    // global symbol indices
   std::vector<uint32_t> routines;                 // global routine indices, by address
-  std::unordered_map<std::string, uint32_t> routine_by_name;  // full names and plain names
+  // Full names and plain names. The keys view the names held by the symbol and routine tables (or constants):
+  // those never move and never change, and an image of the C library has some 6000 keys, which as strings of
+  // their own cost a copy each at start-up.
+  std::unordered_map<std::string_view, uint32_t> routine_by_name;
   bool branch_index_built = false;
   std::vector<uintptr_t> branch_targets;          // sorted, unique
   void* link_map = nullptr;

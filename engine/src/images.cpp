@@ -1,10 +1,15 @@
 // Images, sections, symbols and routines: the engine's model of what is mapped, read from the files on disk
 // (and the vDSO from memory), and the tool's queries over it.
+//
+// Every program pays for the model of itself, the loader, the C library and the vDSO before its first
+// instruction, so building it avoids per-symbol allocations: names move from the ELF model into the symbol
+// table once, and the routines refer to those names instead of copying them.
 #include <elf.h>
 #include <sys/auxv.h>
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "elf_model.h"
 #include "engine.h"
@@ -17,8 +22,6 @@ Tables& tables() {
 }
 
 namespace {
-
-std::string plain_name(const std::string& name) { return name.substr(0, name.find('@')); }
 
 bool read_vdso(uintptr_t base, ElfModel* model, std::string* error) {
   const auto* eh = reinterpret_cast<const Elf32_Ehdr*>(base);
@@ -41,12 +44,27 @@ int name_rank(const ElfSymbol& s) {
   return rank;
 }
 
-void add_sections(const ElfModel& model, uint32_t id, Image* image) {
-  image->first_section = tables().sections.size();
-  for (const ElfSection& es : model.sections) {
+// The executable sections of one image, in section order, for the per-symbol question "in which code
+// section is this address". An image has a handful of them, so a scan of this small array beats anything
+// cleverer, and scanning in section order keeps the first match when sections overlap.
+struct CodeRange {
+  uintptr_t low, end;  // end = low + size, wrapping as the section's own arithmetic does
+  uint32_t section;    // global section index + 1
+};
+using CodeRanges = std::vector<CodeRange>;
+
+uint32_t code_section_of(const CodeRanges& ranges, uintptr_t address) {
+  for (const CodeRange& r : ranges)
+    if (address >= r.low && address < r.end) return r.section;
+  return 0;
+}
+
+void add_sections(Tables& t, ElfModel& model, uint32_t id, Image* image, CodeRanges* code) {
+  image->first_section = t.sections.size();
+  for (ElfSection& es : model.sections) {
     Section s;
     s.image = id;
-    s.name = es.name;
+    s.name = std::move(es.name);
     s.address = es.allocated ? static_cast<uintptr_t>(es.address) + image->load_offset : 0;
     s.size = es.size;
     s.executable = es.executable;
@@ -56,98 +74,116 @@ void add_sections(const ElfModel& model, uint32_t id, Image* image) {
     else if (es.executable) s.type = LEVEL_KELCLIENT::SEC_TYPE_EXEC;
     else if (es.type == SHT_NOBITS) s.type = LEVEL_KELCLIENT::SEC_TYPE_BSS;
     else s.type = LEVEL_KELCLIENT::SEC_TYPE_DATA;
-    tables().sections.push(std::move(s));
+    if (s.executable) code->push_back({s.address, s.address + s.size, t.sections.size() + 1});
+    t.sections.push(std::move(s));
   }
-  image->section_count = tables().sections.size() - image->first_section;
+  image->section_count = t.sections.size() - image->first_section;
 }
 
 uint32_t section_of(const Image& image, uintptr_t address) {
+  Tables& t = tables();
   for (uint32_t i = 0; i < image.section_count; ++i) {
-    Section& s = tables().sections[image.first_section + i];
+    Section& s = t.sections[image.first_section + i];
     if (s.executable && address >= s.address && address < s.address + s.size) return image.first_section + i + 1;
   }
   return 0;
 }
 
+// A routine candidate: one function symbol (or _init/_fini). The name views the symbol's, already in the
+// symbol table, whose elements never move (or a constant).
 struct PendingRoutine {
   uintptr_t address;
   size_t size;
-  bool ifunc, dynamic;
+  std::string_view name;  // full name, with the version
+  uint32_t order;         // among the candidates: at one address, the symbol table's order decides ties
+  uint32_t section;
   int rank;
-  std::string name;
-  std::vector<std::string> names;
+  bool ifunc, dynamic;
 };
 
-void add_symbols_and_routines(const ElfModel& model, uint32_t id, Image* image) {
-  image->first_symbol = tables().symbols.size();
+// Records `full` as a name of routine `index`: the first symbol of a name wins, and the plain name (without
+// the version) goes to the first routine having it, unless a later one has it as its default version.
+void add_routine_name(std::unordered_map<std::string_view, uint32_t>& by_name, std::string_view full,
+                      uint32_t index) {
+  by_name.try_emplace(full, index);
+  size_t at = full.find('@');
+  if (at == std::string_view::npos) return;  // the plain name is the full one
+  bool is_default = full.find("@@", at) != std::string_view::npos;
+  auto [found, added] = by_name.try_emplace(full.substr(0, at), index);
+  if (!added && is_default) found->second = index;
+}
+
+void add_symbols_and_routines(Tables& t, ElfModel& model, uint32_t id, Image* image, const CodeRanges& code) {
+  image->first_symbol = t.symbols.size();
   std::vector<PendingRoutine> pending;
-  for (const ElfSymbol& es : model.symbols) {
+  pending.reserve(model.symbols.size() + 2);
+  for (ElfSymbol& es : model.symbols) {
+    bool function = es.type == STT_FUNC || es.type == STT_GNU_IFUNC;
+    int rank = function ? name_rank(es) : 0;
     Symbol s;
     s.image = id;
-    s.name = es.name;
+    s.name = std::move(es.name);
     s.value = static_cast<uintptr_t>(es.value);
     s.index = es.index;
     s.dynamic = es.dynamic;
     s.ifunc = es.type == STT_GNU_IFUNC;
-    tables().symbols.push(std::move(s));
-    if (es.type != STT_FUNC && es.type != STT_GNU_IFUNC) continue;
+    uint32_t symbol = t.symbols.push(std::move(s));
+    if (!function) continue;
     uintptr_t address = static_cast<uintptr_t>(es.value) + image->load_offset;
-    if (!section_of(*image, address)) continue;
-    pending.push_back({address, static_cast<size_t>(es.size), es.type == STT_GNU_IFUNC, es.dynamic,
-                       name_rank(es), plain_name(es.name), {es.name}});
+    uint32_t section = code_section_of(code, address);
+    if (!section) continue;
+    pending.push_back({address, static_cast<size_t>(es.size), t.symbols[symbol].name,
+                       static_cast<uint32_t>(pending.size()), section, rank, es.type == STT_GNU_IFUNC, es.dynamic});
   }
-  image->symbol_count = tables().symbols.size() - image->first_symbol;
+  image->symbol_count = t.symbols.size() - image->first_symbol;
   // _init and _fini are found through the dynamic section, so that a stripped object still has them.
-  auto add_special = [&](uint64_t link_address, const char* name) {
+  auto add_special = [&](uint64_t link_address, std::string_view name) {
     if (!link_address) return;
     uintptr_t address = static_cast<uintptr_t>(link_address) + image->load_offset;
-    if (section_of(*image, address)) pending.push_back({address, 0, false, false, -100000, name, {name}});
+    if (uint32_t section = code_section_of(code, address))
+      pending.push_back({address, 0, name, static_cast<uint32_t>(pending.size()), section, -100000, false, false});
   };
   add_special(model.init, "_init");
   add_special(model.fini, "_fini");
 
-  std::stable_sort(pending.begin(), pending.end(),
-                   [](const PendingRoutine& a, const PendingRoutine& b) { return a.address < b.address; });
-  std::vector<PendingRoutine> merged;
-  for (PendingRoutine& p : pending) {
-    if (!merged.empty() && merged.back().address == p.address) {
-      PendingRoutine& m = merged.back();
-      m.size = std::max(m.size, p.size);
-      m.ifunc |= p.ifunc;
-      m.dynamic |= p.dynamic;
-      m.names.push_back(p.names.front());
-      if (p.rank > m.rank) m.rank = p.rank, m.name = p.name;
-    } else {
-      merged.push_back(std::move(p));
+  std::sort(pending.begin(), pending.end(), [](const PendingRoutine& a, const PendingRoutine& b) {
+    return a.address != b.address ? a.address < b.address : a.order < b.order;
+  });
+  size_t routines = 0;
+  for (size_t i = 0; i < pending.size(); ++i) routines += i == 0 || pending[i].address != pending[i - 1].address;
+  image->routines.reserve(routines);
+  image->routine_by_name.reserve(2 * pending.size());
+
+  // One routine per address, named after its best-ranked symbol (the first of equals).
+  for (size_t first = 0, next; first < pending.size(); first = next) {
+    const PendingRoutine& head = pending[first];
+    size_t size = head.size;
+    bool ifunc = head.ifunc, dynamic = head.dynamic;
+    const PendingRoutine* best = &head;
+    for (next = first + 1; next < pending.size() && pending[next].address == head.address; ++next) {
+      const PendingRoutine& p = pending[next];
+      size = std::max(size, p.size);
+      ifunc |= p.ifunc;
+      dynamic |= p.dynamic;
+      if (p.rank > best->rank) best = &p;
     }
-  }
-  for (size_t i = 0; i < merged.size(); ++i) {
-    PendingRoutine& p = merged[i];
-    uint32_t section = section_of(*image, p.address);
-    if (p.size == 0) {  // no size from the symbol: up to the next routine or the end of the section
-      const Section& sec = tables().sections[section - 1];
+    if (size == 0) {  // no size from the symbol: up to the next routine or the end of the section
+      const Section& sec = t.sections[head.section - 1];
       uintptr_t end = sec.address + sec.size;
-      if (i + 1 < merged.size() && merged[i + 1].address < end) end = merged[i + 1].address;
-      p.size = end - p.address;
+      if (next < pending.size() && pending[next].address < end) end = pending[next].address;
+      size = end - head.address;
     }
     Routine r;
     r.image = id;
-    r.section = section;
-    r.name = p.name;
-    r.address = p.address;
-    r.size = p.size;
-    r.ifunc = p.ifunc;
-    r.dynamic = p.dynamic;
-    uint32_t index = tables().routines.push(std::move(r)) + 1;
+    r.section = head.section;
+    r.name = best->name.substr(0, best->name.find('@'));
+    r.address = head.address;
+    r.size = size;
+    r.ifunc = ifunc;
+    r.dynamic = dynamic;
+    uint32_t index = t.routines.push(std::move(r)) + 1;
     image->routines.push_back(index);
-    for (const std::string& full : p.names) {
-      image->routine_by_name.emplace(full, index);  // the first symbol of a name wins
-      std::string plain = plain_name(full);
-      bool is_default = full.find("@@") != std::string::npos || full.find('@') == std::string::npos;
-      auto found = image->routine_by_name.find(plain);
-      if (found == image->routine_by_name.end()) image->routine_by_name.emplace(plain, index);
-      else if (is_default && plain != full) found->second = index;  // the default version answers the plain name
-    }
+    for (size_t k = first; k < next; ++k) add_routine_name(image->routine_by_name, pending[k].name, index);
   }
 }
 
@@ -155,13 +191,14 @@ void add_symbols_and_routines(const ElfModel& model, uint32_t id, Image* image) 
 
 uint32_t create_image(const std::string& path, uintptr_t load_offset, bool main_executable, bool vdso,
                       void* link_map) {
+  Tables& t = tables();
   ElfModel model;
   std::string error;
   bool ok = vdso ? read_vdso(getauxval(AT_SYSINFO_EHDR), &model, &error) : read_elf_file(path, &model, &error);
   if (!ok) log_line(1, "cannot read image '%s': %s; it will have no symbols", path.c_str(), error.c_str());
 
   Image image;
-  uint32_t id = tables().images.size() + 1;
+  uint32_t id = t.images.size() + 1;
   image.id = id;
   image.main_executable = main_executable;
   image.vdso = vdso;
@@ -179,10 +216,11 @@ uint32_t create_image(const std::string& path, uintptr_t load_offset, bool main_
     image.high = image.regions.front().high;
     for (const Region& r : image.regions) image.low = std::min(image.low, r.low), image.high = std::max(image.high, r.high);
   }
-  add_sections(model, id, &image);
-  add_symbols_and_routines(model, id, &image);
+  CodeRanges code;
+  add_sections(t, model, id, &image, &code);
+  add_symbols_and_routines(t, model, id, &image, code);
   image.valid = true;
-  tables().images.push(std::move(image));
+  t.images.push(std::move(image));
   return id;
 }
 
@@ -326,7 +364,7 @@ RTN RTN_FindByName(IMG img, const CHAR* name) {
   kel::Image* i = image_of(img);
   if (!i || !name) return RTN();
   KEL_LockClient();
-  auto found = i->routine_by_name.find(name);
+  auto found = i->routine_by_name.find(std::string_view(name));
   RTN result = found == i->routine_by_name.end() ? RTN() : RTN(static_cast<INT32>(found->second));
   KEL_UnlockClient();
   return result;
@@ -393,7 +431,7 @@ RTN RTN_CreateAt(ADDRINT address, string name) {
       r.size = end - address;
       uint32_t index = tables().routines.push(std::move(r)) + 1;
       image->routines.insert(next, index);
-      image->routine_by_name.emplace(name, index);
+      image->routine_by_name.emplace(tables().routines[index - 1].name, index);  // the table's copy stays
       result = RTN(static_cast<INT32>(index));
     }
   }

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "elf_model.h"
 #include "engine.h"
@@ -154,6 +156,101 @@ TEST(ImageModel, FindsVersionedRoutines) {
   for (SEC sec = IMG_SecHead(img); SEC_Valid(sec); sec = SEC_Next(sec))
     executable_sections += SEC_IsExecutable(sec) && SEC_Name(sec) == ".text";
   EXPECT_EQ(executable_sections, 1);
+  invalidate_image(id);
+}
+
+// The routines of the C library against its symbols, rule by rule: one routine per function address in code,
+// as long as its longest symbol, named after its preferred symbol (global before weak, the default version,
+// fewer leading underscores, else the first); a full name finds its own symbol's routine, a plain name the
+// default version's, else the first routine having it.
+TEST(ImageModel, LibcRoutinesFollowTheirSymbols) {
+  const char* libc = "/lib/i386-linux-gnu/libc.so.6";
+  ElfModel m;
+  std::string error;
+  ASSERT_TRUE(read_elf_file(libc, &m, &error)) << error;
+  ASSERT_EQ(m.init, 0u);  // no _init/_fini of its own: every routine comes from a symbol
+  ASSERT_EQ(m.fini, 0u);
+  LEVEL_KELCLIENT::KEL_LockClient();
+  uint32_t id = create_image(libc, 0, false, false, nullptr);
+  LEVEL_KELCLIENT::KEL_UnlockClient();
+  IMG img(static_cast<INT32>(id));
+  const Image& image = tables().images[id - 1];
+
+  auto code_section = [&](uint64_t address) -> const ElfSection* {
+    for (const ElfSection& s : m.sections)
+      if (s.executable && s.allocated && address >= s.address && address < s.address + s.size) return &s;
+    return nullptr;
+  };
+  auto plain = [](const std::string& name) { return name.substr(0, name.find('@')); };
+  auto outranks = [](const ElfSymbol& a, const ElfSymbol& b) {
+    auto binding = [](const ElfSymbol& s) { return s.binding == STB_GLOBAL ? 2 : s.binding == STB_WEAK ? 1 : 0; };
+    auto underscores = [](const ElfSymbol& s) { return std::min<size_t>(s.name.find_first_not_of('_'), 9); };
+    if (binding(a) != binding(b)) return binding(a) > binding(b);
+    if (a.default_version != b.default_version) return a.default_version;
+    return underscores(a) < underscores(b);
+  };
+  std::map<uint64_t, std::vector<const ElfSymbol*>> at;
+  for (const ElfSymbol& s : m.symbols)
+    if ((s.type == STT_FUNC || s.type == STT_GNU_IFUNC) && code_section(s.value)) at[s.value].push_back(&s);
+  ASSERT_GT(at.size(), 1000u);
+  ASSERT_EQ(image.routines.size(), at.size());
+
+  size_t n = 0;
+  for (auto it = at.begin(); it != at.end(); ++it, ++n) {
+    const Routine& r = tables().routines[image.routines[n] - 1];
+    ASSERT_EQ(r.address, it->first);
+    const ElfSymbol* best = it->second.front();
+    size_t longest = 0;
+    bool ifunc = false, dynamic = false;
+    for (const ElfSymbol* s : it->second) {
+      if (outranks(*s, *best)) best = s;
+      longest = std::max<size_t>(longest, s->size);
+      ifunc |= s->type == STT_GNU_IFUNC;
+      dynamic |= s->dynamic;
+    }
+    EXPECT_EQ(r.name, plain(best->name)) << "at " << std::hex << r.address;
+    if (longest == 0) {  // up to the next routine or the end of the section
+      const ElfSection* sec = code_section(r.address);
+      uint64_t end = sec->address + sec->size;
+      if (std::next(it) != at.end()) end = std::min(end, std::next(it)->first);
+      longest = end - r.address;
+    }
+    EXPECT_EQ(r.size, longest) << r.name;
+    EXPECT_EQ(r.ifunc, ifunc) << r.name;
+    EXPECT_EQ(r.dynamic, dynamic) << r.name;
+    EXPECT_EQ(tables().sections[r.section - 1].name, code_section(r.address)->name) << r.name;
+  }
+
+  // Names: full ones to their own symbol, plain ones to the default version or the first routine.
+  std::map<std::string, uint64_t> full_first, plain_default, plain_first;
+  std::map<std::string, int> defaults;
+  for (const auto& [address, symbols] : at)
+    for (const ElfSymbol* s : symbols) {
+      full_first.emplace(s->name, address);
+      plain_first.emplace(plain(s->name), address);
+      if (s->default_version && s->name.find('@') != std::string::npos) {
+        plain_default[plain(s->name)] = address;
+        ++defaults[plain(s->name)];
+      }
+    }
+  for (const auto& [name, address] : full_first)
+    EXPECT_EQ(RTN_Address(RTN_FindByName(img, name.c_str())), address) << name;
+  for (const auto& [name, address] : plain_first) {
+    uint64_t expected = defaults[name] == 1 ? plain_default[name] : address;
+    if (defaults[name] <= 1) {
+      EXPECT_EQ(RTN_Address(RTN_FindByName(img, name.c_str())), expected) << name;
+    }
+  }
+
+  // A few well-known ones by hand.
+  EXPECT_EQ(RTN_Name(RTN_FindByName(img, "_IO_printf")), "printf");
+  EXPECT_EQ(RTN_Name(RTN_FindByName(img, "__libc_malloc")), "malloc");
+  EXPECT_EQ(RTN_Name(RTN_FindByName(img, "__pthread_mutex_lock")), "pthread_mutex_lock");
+  EXPECT_EQ(RTN_Name(RTN_FindByName(img, "pthread_cond_wait@GLIBC_2.0")), "pthread_cond_wait");
+  EXPECT_EQ(RTN_Size(RTN_FindByName(img, "pthread_cond_wait@@GLIBC_2.3.2")),
+            find(m, "pthread_cond_wait@@GLIBC_2.3.2")->size);
+  EXPECT_TRUE(tables().routines[RTN_FindByName(img, "memcpy").q() - 1].ifunc);
+  EXPECT_FALSE(RTN_Valid(RTN_FindByName(img, "pthread_cond_wait@GLIBC_9.9")));
   invalidate_image(id);
 }
 
