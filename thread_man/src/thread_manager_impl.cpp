@@ -213,6 +213,10 @@ void unblock_all(mgr_t* m) {
 /* ---- recursion guard --------------------------------------------------- */
 
 vorx_u32_t tls_disable_recursion(mgr_t* m, desc_t** self) {
+  // A signal handler of this thread that enters between the read of the slot and the mark would see the slot
+  // unmarked, cache the thread's entry there, and have its work undone by the mark written after it: the
+  // read and the mark are one step for the handlers. Only the manager's slower paths come here.
+  signals_blocked quiet;
   void* slot = slot_read(m);
   *self = (desc_t*)slot;
   switch ((uintptr_t)slot) {
