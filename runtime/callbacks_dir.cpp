@@ -110,7 +110,17 @@ void vorx_unlink_callback_tables(void) {
   }
 }
 
-void vorx_init_stacks_collection(void) { vorx_register_callbacks(&g_vorx_ss_cbks, conf_collections()); }
+// Stacks at call points come from the stack walker. A collector without one links no stack table: its
+// entries would do nothing, yet make every call take the machine context and enter a second time.
+void vorx_stack_sampling_callback(void* wsp, vorx_probe_data_t* data) __attribute__((weak));
+
+void vorx_init_stacks_collection(void) {
+  if (!vorx_stack_sampling_callback) {
+    VORX_LOG(vorx_log_level_info, "ss callbacks were left out (this collector has no stack walker)");
+    return;
+  }
+  vorx_register_callbacks(&g_vorx_ss_cbks, conf_collections());
+}
 
 void vorx_init_threads_profiling(void) { vorx_register_callbacks(&g_vorx_tp_cbks, conf_collections()); }
 

@@ -334,9 +334,10 @@ inline void pre_times(frame_t<T>& f) {
     f.data.locals.sampled = 0;
     f.data.locals.contended = 0;
     f.data.locals.state = glue::conf_state();
-    // the machine context is for the stack callbacks, which run after the call
-    f.post_due = glue::has_callbacks(VORX_CALLBACK_INDEX(T::id, f.data.locals.state, vorx_or_post));
-    if (f.post_due) glue::get_context(f.context);
+    // the machine context is for the stack callbacks, which run after the call; plain records never read it
+    const unsigned post_index = VORX_CALLBACK_INDEX(T::id, f.data.locals.state, vorx_or_post);
+    f.post_due = glue::has_callbacks(post_index);
+    if (f.post_due && !glue::plain_records(post_index)) glue::get_context(f.context);
     f.data.locals.enter_time = f.data.locals.leave_time = glue::now();
 }
 

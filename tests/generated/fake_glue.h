@@ -130,6 +130,8 @@ inline void run_callbacks(unsigned index, wsp_t*, vorx_probe_data_t* d) {
     fake::st().last_params = d->params;
 }
 inline bool has_callbacks(unsigned) { return fake::st().post_callbacks; }
+// callbacks after a call are taken for stacks, which read the machine context
+inline bool plain_records(unsigned) { return false; }
 // the records' own path is taken exactly when nothing follows the call
 inline bool records_only(unsigned, unsigned) { return !fake::st().post_callbacks; }
 inline int update_parent_probe_params() { return 0; }

@@ -76,8 +76,9 @@ inline void* head_trampoline(unsigned id) { return vorx_head_row(id)->trampoline
 
 inline void run_callbacks(unsigned index, wsp_t* wsp, vorx_probe_data_t* d) { vorx_run_directory_callbacks(index, wsp, d); }
 inline bool has_callbacks(unsigned index) { return vorx_directory_has_callbacks(index) != 0; }
+inline bool plain_records(unsigned index) { return vorx_directory_plain_records(index) != 0; }
 inline bool records_only(unsigned pre_index, unsigned post_index) {
-    return vorx_directory_plain_records(pre_index) != 0 && vorx_directory_has_callbacks(post_index) == 0;
+    return plain_records(pre_index) && !has_callbacks(post_index);
 }
 inline int update_parent_probe_params() { return vorx_update_parent_probe_params(); }
 inline void update_nested_probe_params(vorx_probe_data_t* d, vorx_probe_data_t* w) { vorx_update_nested_probe_params(d, w); }
