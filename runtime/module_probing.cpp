@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <span>
 #include <string_view>
 #include <unordered_map>
@@ -222,20 +223,38 @@ void resolve_row(IMG img, const vorx_probe_entry_t &entry, vorx_probe_t *row, RT
   set_default_row(entry, row, symbol);
 }
 
-// The image's symbols by their plain name (the text before any '@'), each list in the order of the symbol
-// table. One pass over the table serves every function of the module: libc alone has thousands of symbols
-// and hundreds of wanted functions, and a pass per function made module loading the bulk of start-up.
-using SymbolsByName = std::unordered_map<std::string_view, std::vector<SYM>>;
-
-SymbolsByName index_symbols(IMG img) {
-  SymbolsByName index;
-  for (SYM sym = IMG_RegsymHead(img); SYM_Valid(sym); sym = SYM_Next(sym)) {
-    if (SYM_Index(sym) == 0) continue;
-    std::string_view name(SYM_Name(sym));  // the engine keeps the names as long as the image
-    index[name.substr(0, name.find('@'))].push_back(sym);
+// The image's symbols by their plain name (the text before any '@'), each name's symbols in the order of the
+// symbol table. One pass over the table serves every function of the module: libc alone has thousands of
+// symbols and hundreds of wanted functions. The index is one sorted array (one allocation, not one list per
+// name), searched by halves.
+class SymbolsByName {
+ public:
+  explicit SymbolsByName(IMG img) {
+    for (SYM sym = IMG_RegsymHead(img); SYM_Valid(sym); sym = SYM_Next(sym)) {
+      if (SYM_Index(sym) == 0) continue;
+      std::string_view name(SYM_Name(sym));  // the engine keeps the names as long as the image
+      entries_.push_back({name.substr(0, name.find('@')), sym});
+    }
+    std::stable_sort(entries_.begin(), entries_.end(),
+                     [](const Entry &a, const Entry &b) { return a.name < b.name; });
   }
-  return index;
-}
+
+  // The symbols named `name`, in table order.
+  template <class Fn>
+  void for_each(std::string_view name, Fn fn) const {
+    auto first = std::lower_bound(entries_.begin(), entries_.end(), name,
+                                  [](const Entry &e, std::string_view n) { return e.name < n; });
+    for (auto it = first; it != entries_.end() && it->name == name; ++it)
+      if (!fn(it->sym)) return;
+  }
+
+ private:
+  struct Entry {
+    std::string_view name;
+    SYM sym;
+  };
+  std::vector<Entry> entries_;
+};
 
 // Every version of the function in the image, in the order of its symbol
 // table: each is a routine of its own with its own row and wrapper. A version
@@ -243,17 +262,15 @@ SymbolsByName index_symbols(IMG img) {
 void probe_function(IMG img, const SymbolsByName &symbols, ResolvedRoutines &resolved, const vorx_probe_entry_t &entry,
                     unsigned mod) {
   VORX_LOG(vorx_log_level_trace, "\n Function requested to be probed: %s", entry.name);
-  auto found = symbols.find(std::string_view(entry.name));
-  if (found == symbols.end()) return;
   unsigned ver = 0;
-  for (SYM sym : found->second) {
-    if (ver >= entry.versions) break;
+  symbols.for_each(entry.name, [&](SYM sym) {
+    if (ver >= entry.versions) return false;
     const std::string &symbol = SYM_Name(sym);
     VORX_LOG(vorx_log_level_trace, "Symbol found: %s", symbol.c_str());
     RTN rtn = routine_of_symbol(img, sym);
-    if (!RTN_Valid(rtn)) continue;
+    if (!RTN_Valid(rtn)) return true;
     void *routine = reinterpret_cast<void *>(RTN_Funptr(rtn));
-    if (resolved_in_module(entry, mod, routine)) continue;
+    if (resolved_in_module(entry, mod, routine)) return true;
     vorx_probe_t *row = vorx_probe_row(entry.id, entry.versions, mod, ver);
     KEL_LockClient();
     if (const vorx_probe_t *shared = resolved.find(routine)) {
@@ -267,7 +284,8 @@ void probe_function(IMG img, const SymbolsByName &symbols, ResolvedRoutines &res
       ++ver;
     }
     KEL_UnlockClient();
-  }
+    return true;
+  });
 }
 
 // The module index of this descriptor among the function's modules, or -1.
@@ -278,7 +296,7 @@ int module_index(const vorx_probe_entry_t &entry, const vorx_module_descriptor_t
 }
 
 void probe_module(IMG img, const vorx_module_descriptor_t *descriptor) {
-  const SymbolsByName symbols = index_symbols(img);
+  const SymbolsByName symbols(img);
   ResolvedRoutines resolved;
   for (const vorx_probe_entry_t *entry = descriptor->probes; entry != nullptr && entry->name != nullptr; ++entry) {
     if (entry->modules == 0 || !wanted_probe(entry->id)) continue;
