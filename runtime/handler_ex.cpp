@@ -65,6 +65,13 @@ uint32_t text_n_length(const char* text, int limit) {
   return n;
 }
 
+// Room for a whole record in the unit; null when the unit drops records.
+uint8_t* open_room(vorx_cbk_record* r, vorx_tmu_t* unit, uint32_t size) {
+  VORX_ASSERT(unit != nullptr);
+  r->unit = unit;
+  return static_cast<uint8_t*>(unit->open_record(unit, size, &r->lease));
+}
+
 }  // namespace
 
 extern "C" {
@@ -76,9 +83,7 @@ vorx_tmu_t* vorx_cbk_unit(vorx_workspace* wsp, const vorx_probe_data_t* data) {
 
 uint8_t* vorx_cbk_open_call_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
                                    vorx_tmu_t* unit, uint32_t id, uint32_t tail_len) {
-  VORX_ASSERT(unit != nullptr);
-  r->unit = unit;
-  auto* d = static_cast<uint8_t*>(unit->open_record(unit, kCallHeadSize + tail_len, &r->lease));
+  uint8_t* d = open_room(r, unit, kCallHeadSize + tail_len);
   if (!d) return nullptr;
   return d + tf_apiwrap_v1_put_head(d, kCallDescriptor, wsp->thread, 0, data->locals.leave_time,
                                     data->locals.enter_time, 0, id, tail_len);
@@ -86,9 +91,7 @@ uint8_t* vorx_cbk_open_call_record(vorx_cbk_record* r, vorx_workspace* wsp, cons
 
 uint8_t* vorx_cbk_open_point_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
                                     vorx_tmu_t* unit, uint32_t id, uint32_t tail_len) {
-  VORX_ASSERT(unit != nullptr);
-  r->unit = unit;
-  auto* d = static_cast<uint8_t*>(unit->open_record(unit, kPointHeadSize + tail_len, &r->lease));
+  uint8_t* d = open_room(r, unit, kPointHeadSize + tail_len);
   if (!d) return nullptr;
   return d + tf_apiwrap_v2_put_head(d, kCallDescriptor, wsp->thread, 0, data->locals.enter_time, id | kPointFlag,
                                     tail_len);
