@@ -175,7 +175,7 @@ TEST_F(HandlerTest, AnnotationPointsAndCreationsAreTypedByTheReader) {
   data_.params.u___ozk_task_begin.__taskid = vorx_ozk_id_t{{0x1111, 0x2222, 0}};
   data_.params.u___ozk_task_begin.__name = &name;
   vorx_tp___ozk_task_begin_pre_cbk(&wsp_, &data_);
-  data_.params.u___ozk_domain_create.__name = "render";
+  data_.params.u___ozk_domain_create.__name = const_cast<char*>("render");
   data_.params.u___ozk_domain_create.__result = &domain;
   vorx_tp___ozk_domain_create_post_cbk(&wsp_, &data_);
 
@@ -212,8 +212,8 @@ TEST_F(HandlerTest, DirectoryKeepsOnlyTheCallbacksOfTheChosenCollections) {
   EXPECT_FALSE(vorx_directory_has_callbacks(VORX_CALLBACK_INDEX(vorx_pi_read, 1, vorx_or_post)));
   ASSERT_EQ(vorx_register_callbacks(&g_vorx_tp_cbks, with_threading), 1u);
   EXPECT_TRUE(vorx_directory_has_callbacks(VORX_CALLBACK_INDEX(vorx_pi_pthread_mutex_lock, 1, vorx_or_post)));
-  data_.params.u___ozk_sync_create.__objtype = "lock";
-  data_.params.u___ozk_sync_create.__objname = "queue";
+  data_.params.u___ozk_sync_create.__objtype = const_cast<char*>("lock");
+  data_.params.u___ozk_sync_create.__objname = const_cast<char*>("queue");
   vorx_run_directory_callbacks(VORX_CALLBACK_INDEX(vorx_pi___ozk_sync_create, 0, vorx_or_post), &wsp_, &data_);
 
   Collector aux = read("aux");
