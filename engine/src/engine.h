@@ -118,7 +118,15 @@ struct Tables {
   StableVector<Routine> routines;
   StableVector<Instruction, 12> instructions;
 };
-Tables& tables();
+// The tables, made at the first use (an audit callback may come before the engine's constructors have run)
+// and never destroyed (callbacks may come during exit). Every query of the tool starts here: after the first
+// use it is one load.
+extern Tables* g_tables;
+Tables& make_tables();
+inline Tables& tables() {
+  Tables* made = g_tables;
+  return made ? *made : make_tables();
+}
 
 // Handle <-> index. Handles are index + 1 so that 0 is invalid.
 inline Image* image_of(LEVEL_KELCLIENT::IMG img) {

@@ -16,8 +16,11 @@
 
 namespace kel {
 
-Tables& tables() {
-  static Tables* instance = new Tables;  // never destroyed: callbacks may come during exit
+Tables* g_tables = nullptr;
+
+Tables& make_tables() {
+  static Tables* instance = new Tables;
+  __atomic_store_n(&g_tables, instance, __ATOMIC_RELEASE);
   return *instance;
 }
 
