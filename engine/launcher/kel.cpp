@@ -66,12 +66,12 @@ void check_tool(const std::string& tool) {
   if (access(tool.c_str(), R_OK) != 0) die("tool '" + tool + "' not found (give the path of the tool's .so after -t)");
   kel::ElfModel model;
   std::string error;
-  if (!kel::read_elf_file(tool, &model, &error, kel::ElfDetail::dynamic_symbols))
+  bool has_main = false;
+  if (!kel::find_function_export(tool, "main", &model, &has_main, &error))
     die("tool '" + tool + "' is not a shared object: " + error);
   if (model.elf_class != kel::arch::kElfClass || model.machine != kel::arch::kElfMachine)
     die("tool '" + tool + "' is not a " + kel::arch::kArchitectureName + " shared object; build it for that target");
-  for (const kel::ElfSymbol& s : model.symbols)
-    if (s.dynamic && s.name == "main" && s.type == STT_FUNC) return;
+  if (has_main) return;
   die("tool '" + tool + "' exports no main(); the engine enters a tool through its main(argc, argv)");
 }
 

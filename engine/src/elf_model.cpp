@@ -64,6 +64,30 @@ class ElfReader {
     return true;
   }
 
+  // The headers into `model` and whether .dynsym defines a function `name`; no symbol is copied.
+  bool find_function_export(std::string_view name, ElfModel* model, bool* found, std::string* error) {
+    if (bytes_.size() < sizeof(typename L::Ehdr)) return fail(error, "file too short for an ELF header");
+    const auto* eh = at<typename L::Ehdr>(0);
+    model->elf_class = L::kClass;
+    model->machine = eh->e_machine;
+    model->type = eh->e_type;
+    model->entry = eh->e_entry;
+    if (!read_program_headers(*eh, model)) return fail(error, "program headers out of bounds");
+    if (!read_sections(*eh, model)) return fail(error, "section headers out of bounds");
+    *found = false;
+    const auto* table = section_named(".dynsym", *model);
+    if (!table || table->sh_link >= shnum_ || table->sh_entsize != sizeof(typename L::Sym)) return true;
+    size_t count = table->sh_size / sizeof(typename L::Sym);
+    const auto* syms = at<typename L::Sym>(contents_offset(*table), count);
+    if (!syms) return true;
+    for (size_t i = 1; i < count && !*found; ++i) {
+      const auto& s = syms[i];
+      *found = s.st_shndx != SHN_UNDEF && L::sym_type(s) == STT_FUNC &&
+               string_at(&shdrs_[table->sh_link], s.st_name) == name;
+    }
+    return true;
+  }
+
  private:
   template <class T>
   const T* at(uint64_t offset, uint64_t count = 1) const {
@@ -286,7 +310,11 @@ bool parse_elf(std::span<const uint8_t> bytes, ElfSource source, ElfModel* model
   }
 }
 
-bool read_elf_file(const std::string& path, ElfModel* model, std::string* error, ElfDetail detail) {
+namespace {
+
+// Maps the file at `path` for reading and hands its bytes to `use`; false with `error` set when it cannot.
+template <class Use>
+bool with_mapped_file(const std::string& path, std::string* error, Use use) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (error) *error = std::string("cannot open: ") + strerror(errno);
@@ -304,10 +332,36 @@ bool read_elf_file(const std::string& path, ElfModel* model, std::string* error,
     if (error) *error = std::string("cannot map: ") + strerror(errno);
     return false;
   }
-  bool ok = parse_elf({static_cast<const uint8_t*>(map), static_cast<size_t>(st.st_size)}, ElfSource::file, model,
-                      error, detail);
+  bool ok = use(std::span<const uint8_t>(static_cast<const uint8_t*>(map), static_cast<size_t>(st.st_size)));
   munmap(map, st.st_size);
   return ok;
+}
+
+}  // namespace
+
+bool read_elf_file(const std::string& path, ElfModel* model, std::string* error, ElfDetail detail) {
+  return with_mapped_file(path, error, [&](std::span<const uint8_t> bytes) {
+    return parse_elf(bytes, ElfSource::file, model, error, detail);
+  });
+}
+
+bool find_function_export(const std::string& path, std::string_view name, ElfModel* model, bool* found,
+                          std::string* error) {
+  return with_mapped_file(path, error, [&](std::span<const uint8_t> bytes) {
+    if (bytes.size() < EI_NIDENT || memcmp(bytes.data(), ELFMAG, SELFMAG) != 0) {
+      if (error) *error = "not an ELF file";
+      return false;
+    }
+    switch (bytes[EI_CLASS]) {
+      case ELFCLASS32: return ElfReader<Elf32Layout>(bytes, ElfSource::file, ElfDetail::dynamic_symbols)
+                                  .find_function_export(name, model, found, error);
+      case ELFCLASS64: return ElfReader<Elf64Layout>(bytes, ElfSource::file, ElfDetail::dynamic_symbols)
+                                  .find_function_export(name, model, found, error);
+      default:
+        if (error) *error = "unknown ELF class";
+        return false;
+    }
+  });
 }
 
 }  // namespace kel

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kel {
@@ -71,5 +72,11 @@ bool parse_elf(std::span<const uint8_t> bytes, ElfSource source, ElfModel* model
 
 // Maps the file at `path` and parses it.
 bool read_elf_file(const std::string& path, ElfModel* model, std::string* error, ElfDetail detail = ElfDetail::all);
+
+// Reads the headers of the file at `path` into `model` (class, machine, type, entry, segments, sections; no
+// symbols) and tells whether its dynamic symbol table defines a function `name`: what a launcher checks of a
+// tool, without copying the thousands of symbols a tool exports.
+bool find_function_export(const std::string& path, std::string_view name, ElfModel* model, bool* found,
+                          std::string* error);
 
 }  // namespace kel

@@ -55,6 +55,30 @@ TEST(ElfModel, DynamicSymbolsOnlyLeaveTheSymbolTableOut) {
   EXPECT_EQ(exports.sections.size(), whole.sections.size());
 }
 
+// What the launcher asks of a tool: the headers, and whether a function of that name is exported. Data,
+// resolvers and undefined names are no answer.
+TEST(ElfModel, FunctionExportsAreFoundWithoutAModel) {
+  ElfModel whole, headers;
+  std::string error;
+  const std::string libc = "/lib/i386-linux-gnu/libc.so.6";
+  ASSERT_TRUE(read_elf_file(libc, &whole, &error)) << error;
+  bool found = false;
+  ASSERT_TRUE(find_function_export(libc, "malloc", &headers, &found, &error)) << error;
+  EXPECT_TRUE(found);
+  EXPECT_TRUE(headers.symbols.empty());
+  EXPECT_EQ(headers.machine, whole.machine);
+  EXPECT_EQ(headers.elf_class, whole.elf_class);
+  EXPECT_EQ(headers.sections.size(), whole.sections.size());
+  for (const char* absent : {"environ", "memcpy", "no_such_function", "mallo"}) {
+    ElfModel m;
+    ASSERT_TRUE(find_function_export(libc, absent, &m, &found, &error)) << error;
+    EXPECT_FALSE(found) << absent;
+  }
+  ElfModel m;
+  EXPECT_FALSE(find_function_export("/etc/os-release", "main", &m, &found, &error));
+  EXPECT_EQ(error, "not an ELF file");
+}
+
 TEST(ElfModel, SixtyFourBitObjectsReadToo) {
   ElfModel m;
   std::string error;
