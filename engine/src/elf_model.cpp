@@ -46,14 +46,7 @@ class ElfReader {
       : bytes_(bytes), source_(source), detail_(detail) {}
 
   bool read(ElfModel* model, std::string* error) {
-    if (bytes_.size() < sizeof(typename L::Ehdr)) return fail(error, "file too short for an ELF header");
-    const auto* eh = at<typename L::Ehdr>(0);
-    model->elf_class = L::kClass;
-    model->machine = eh->e_machine;
-    model->type = eh->e_type;
-    model->entry = eh->e_entry;
-    if (!read_program_headers(*eh, model)) return fail(error, "program headers out of bounds");
-    if (!read_sections(*eh, model)) return fail(error, "section headers out of bounds");
+    if (!read_headers(model, error)) return false;
     read_dynamic(model);
     read_versions();
     // Entries of .symtab that .dynsym already gave are dropped; without a .symtab there is nothing to match.
@@ -66,14 +59,7 @@ class ElfReader {
 
   // The headers into `model` and whether .dynsym defines a function `name`; no symbol is copied.
   bool find_function_export(std::string_view name, ElfModel* model, bool* found, std::string* error) {
-    if (bytes_.size() < sizeof(typename L::Ehdr)) return fail(error, "file too short for an ELF header");
-    const auto* eh = at<typename L::Ehdr>(0);
-    model->elf_class = L::kClass;
-    model->machine = eh->e_machine;
-    model->type = eh->e_type;
-    model->entry = eh->e_entry;
-    if (!read_program_headers(*eh, model)) return fail(error, "program headers out of bounds");
-    if (!read_sections(*eh, model)) return fail(error, "section headers out of bounds");
+    if (!read_headers(model, error)) return false;
     *found = false;
     const auto* table = section_named(".dynsym", *model);
     if (!table || table->sh_link >= shnum_ || table->sh_entsize != sizeof(typename L::Sym)) return true;
@@ -89,6 +75,19 @@ class ElfReader {
   }
 
  private:
+  // The file header, the program headers and the sections.
+  bool read_headers(ElfModel* model, std::string* error) {
+    if (bytes_.size() < sizeof(typename L::Ehdr)) return fail(error, "file too short for an ELF header");
+    const auto* eh = at<typename L::Ehdr>(0);
+    model->elf_class = L::kClass;
+    model->machine = eh->e_machine;
+    model->type = eh->e_type;
+    model->entry = eh->e_entry;
+    if (!read_program_headers(*eh, model)) return fail(error, "program headers out of bounds");
+    if (!read_sections(*eh, model)) return fail(error, "section headers out of bounds");
+    return true;
+  }
+
   template <class T>
   const T* at(uint64_t offset, uint64_t count = 1) const {
     if (offset > bytes_.size() || count * sizeof(T) > bytes_.size() - offset) return nullptr;
