@@ -1,6 +1,7 @@
 #include "run_server.hpp"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -131,6 +132,13 @@ void RunServer::stop() {
 }
 
 void RunServer::accept_loop() {
+  // A child's death is the supervisor's to hear, on the main thread: this thread and the connections it
+  // starts keep SIGCHLD blocked, so that it never interrupts their socket calls (a frame's read gives up
+  // after a few interruptions).
+  sigset_t child;
+  sigemptyset(&child);
+  sigaddset(&child, SIGCHLD);
+  pthread_sigmask(SIG_BLOCK, &child, nullptr);
   while (!stopping_) {
     reap_finished_connections();
     struct pollfd pfd = {server_.socket, POLLIN, 0};
