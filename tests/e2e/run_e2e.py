@@ -113,6 +113,15 @@ class Processes(Workdir):
         pids = {os.path.basename(p).split(".")[0] for p in glob.glob(os.path.join(results, "*.trace"))}
         self.assertEqual(len(pids), 2, os.listdir(results))
 
+    def test_children_ending_together_are_all_collected(self):
+        # their deaths wake the run's supervisor while the server is still taking their ends
+        program = tool("tests", "e2e", "e2e_fork_child")
+        traced, results = self.vorx_run([program, "24"], collect="threading")
+        self.assertEqual(traced.returncode, 0, traced.stderr)
+        self.assertEqual(traced.stdout.count("child done\n"), 24)
+        self.assertIn("25 processes collected, 0 errors", traced.stderr)
+        self.assertEqual(len(glob.glob(os.path.join(results, "*.trace"))), 25, os.listdir(results))
+
 
 class RealPrograms(Workdir):
     """Debian's own 32-bit programs under the collector compute what they compute alone."""

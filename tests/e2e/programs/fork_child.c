@@ -1,7 +1,8 @@
-/* A parent that forks a child; both take a lock and write a line, the parent
- * waits for the child. Each process's records must land in its own files. */
+/* A parent that forks a child (or as many as its argument says, all at once); each takes a lock and writes a
+ * line, the parent waits for every child. Each process's records must land in its own files. */
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,15 +17,19 @@ static void work(const char *who) {
   fflush(stdout);
 }
 
-int main(void) {
-  pid_t child = fork();
-  if (child < 0) { perror("fork"); return 1; }
-  if (child == 0) {
-    work("child");
-    return 3;
+int main(int argc, char **argv) {
+  int children = argc > 1 ? atoi(argv[1]) : 1;
+  for (int i = 0; i < children; ++i) {
+    pid_t child = fork();
+    if (child < 0) { perror("fork"); return 1; }
+    if (child == 0) {
+      work("child");
+      return 3;
+    }
   }
-  int status = 0;
-  waitpid(child, &status, 0);
+  int failed = 0, status = 0;
+  for (int i = 0; i < children; ++i)
+    if (wait(&status) < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 3) failed = 1;
   work("parent");
-  return WIFEXITED(status) && WEXITSTATUS(status) == 3 ? 0 : 1;
+  return failed;
 }
