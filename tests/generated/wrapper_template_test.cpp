@@ -428,6 +428,18 @@ TEST_F(Wrappers, LeafCallsWithNothingAfterThemEnterOnce) {
     EXPECT_EQ(fake::st().enters, 2u);
     EXPECT_EQ(fake::st().callbacks.size(), 2u);
     EXPECT_EQ(fake::st().wsp.runtime_level, 3u);
+
+    // called from inside an original: no record, the full path's nesting check, the level left as it was
+    fake::reset();
+    set_row(vorx_pi___ozk_task_begin, 3, 0, 1, (void*)&fake_task_begin_level);
+    fake::st().post_callbacks = false;
+    fake::st().wsp.runtime_level = 2;
+    vorx___ozk_task_begin_mod0_ver1(&domain, {}, {}, &name);
+    EXPECT_EQ(level_in_task_begin, 2u);
+    EXPECT_TRUE(fake::st().callbacks.empty());
+    EXPECT_EQ(fake::st().nested_checks, 1u);
+    EXPECT_EQ(fake::st().releases, fake::st().enters);
+    EXPECT_EQ(fake::st().wsp.runtime_level, 2u);
 }
 
 TEST_F(Wrappers, EventKindsAreCreatedUnderTheGlobalLock) {
