@@ -222,6 +222,28 @@ TEST_F(HandlerTest, DirectoryKeepsOnlyTheCallbacksOfTheChosenCollections) {
   EXPECT_EQ(aux.api[1].function_id, uint32_t(vorx_pi___ozk_sync_create));
 }
 
+// Plain records read the call and nothing of the machine: the wrappers skip the context, and leaf calls
+// their frame, only where every callback is one. Stacks at the same place make it not plain.
+TEST_F(HandlerTest, DirectoryTellsWherePlainRecordsAreAlone) {
+  vorx_u32_t all[VORX_CONF_COLLECTION_WORDS];
+  memset(all, 0xff, sizeof all);
+  ASSERT_EQ(vorx_register_callbacks(&g_vorx_tp_cbks, all), 1u);
+  const uint32_t read_post = VORX_CALLBACK_INDEX(vorx_pi_read, 1, vorx_or_post);
+  const uint32_t task_pre = VORX_CALLBACK_INDEX(vorx_pi___ozk_task_begin, 1, vorx_or_pre);
+  EXPECT_TRUE(vorx_directory_plain_records(read_post));
+  EXPECT_TRUE(vorx_directory_plain_records(task_pre));
+  EXPECT_FALSE(vorx_directory_has_callbacks(VORX_CALLBACK_INDEX(vorx_pi___ozk_task_begin, 1, vorx_or_post)));
+  EXPECT_FALSE(vorx_directory_plain_records(VORX_CALLBACK_INDEX(vorx_pi___ozk_task_begin, 1, vorx_or_post)))
+      << "nothing there is not plain records";
+
+  ASSERT_EQ(vorx_register_callbacks(&g_vorx_ss_cbks, all), 1u);
+  EXPECT_FALSE(vorx_directory_plain_records(read_post));
+  EXPECT_TRUE(vorx_directory_plain_records(task_pre));
+
+  vorx_unlink_callback_tables();
+  EXPECT_FALSE(vorx_directory_plain_records(task_pre));
+}
+
 TEST_F(HandlerTest, OpenUserWaitsAreClosedAsCancelled) {
   vorx_u32_t all[VORX_CONF_COLLECTION_WORDS];
   memset(all, 0xff, sizeof all);
