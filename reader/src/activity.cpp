@@ -319,9 +319,10 @@ void ActivityTracker::resolve_names(std::uint32_t pid, ThreadTrack &t)
 
 void nest_slices(std::vector<Slice> &slices)
 {
-  std::stable_sort(slices.begin(), slices.end(), [](const Slice &a, const Slice &b) {
-    return a.begin != b.begin ? a.begin < b.begin : a.end > b.end;
-  });
+  auto outer_first = [](const Slice &a, const Slice &b) { return a.begin != b.begin ? a.begin < b.begin : a.end > b.end; };
+  // slices that never nest close in the order they opened: a thread of flat tasks needs no sort
+  if (!std::is_sorted(slices.begin(), slices.end(), outer_first))
+    std::stable_sort(slices.begin(), slices.end(), outer_first);
   std::vector<int> stack;
   for (int i = 0; i < int(slices.size()); i++) {
     Slice &s = slices[std::size_t(i)];

@@ -8,6 +8,7 @@ extern "C" {
 #include <array>
 #include <charconv>
 #include <cstring>
+#include <unordered_map>
 
 namespace vorx::report {
 namespace {
@@ -122,15 +123,15 @@ public:
   void str(std::string_view name, Bytes b) { out_.fields.push_back({name, Field::Kind::Str, 0, strip_nul(b), 1}); }
   void bytes(std::string_view name, Bytes b, std::uint32_t elem) { out_.fields.push_back({name, Field::Kind::Bytes, 0, b, elem}); }
 
-  bool field(const tf_field_desc_t &f, bool alt)
+  bool field(const tf_field_desc_t &f, std::string_view name, bool alt)
   {
     if (f.optbit && !(out_.desc & f.optbit)) return true;
     if (f.altonly && !alt) return true;
     switch (f.kind) {
     case TF_FK_U8: case TF_FK_U16: case TF_FK_U32: case TF_FK_U64: {
       unsigned w = scalar_width(f.kind);
-      if (!need(f.name, w)) return false;
-      num(f.name, cur_.take(w));
+      if (!need(name, w)) return false;
+      num(name, cur_.take(w));
       return true;
     }
     case TF_FK_SIZE16: case TF_FK_SIZE32: case TF_FK_SIZEVAR: {
@@ -142,56 +143,56 @@ public:
     }
     case TF_FK_STR16: case TF_FK_STR8: {
       unsigned w = f.kind == TF_FK_STR8 ? 1 : 2;
-      if (!need(f.name, w)) return false;
+      if (!need(name, w)) return false;
       std::size_t n = cur_.take(w);
-      if (!need(f.name, n)) return false;
-      str(f.name, cur_.take_bytes(n));
+      if (!need(name, n)) return false;
+      str(name, cur_.take_bytes(n));
       return true;
     }
     case TF_FK_TAG4:
-      if (!need(f.name, 4)) return false;
-      str(f.name, cur_.take_bytes(4));
+      if (!need(name, 4)) return false;
+      str(name, cur_.take_bytes(4));
       return true;
     case TF_FK_STRREST:
-      str(f.name, cur_.take_bytes(cur_.left()));
+      str(name, cur_.take_bytes(cur_.left()));
       return true;
     case TF_FK_REST:
-      bytes(f.name, cur_.take_bytes(cur_.left()), 1);
+      bytes(name, cur_.take_bytes(cur_.left()), 1);
       return true;
     case TF_FK_ARR8: case TF_FK_ARR16: case TF_FK_ARR32: {
       unsigned w = count_width(f.kind);
-      if (!need(f.name, w)) return false;
+      if (!need(name, w)) return false;
       std::uint64_t n = cur_.take(w) * std::uint64_t(f.elem);
-      if (!need(f.name, n)) return false;
-      bytes(f.name, cur_.take_bytes(n), f.elem);
+      if (!need(name, n)) return false;
+      bytes(name, cur_.take_bytes(n), f.elem);
       return true;
     }
     case TF_FK_ENTS16: case TF_FK_ENTS32:
-      return entries(f);
+      return entries(f, name);
     case TF_FK_ARGS:
       return args();
     }
-    return fail(f.name, "unknown field kind");
+    return fail(name, "unknown field kind");
   }
 
   // Entries of a fixed part and strings whose lengths the fixed part holds.
-  bool entries(const tf_field_desc_t &f)
+  bool entries(const tf_field_desc_t &f, std::string_view name)
   {
     unsigned w = count_width(f.kind);
-    if (!need(f.name, w)) return false;
+    if (!need(name, w)) return false;
     std::uint64_t n = cur_.take(w);
     Cursor probe = cur_;
     std::uint64_t total = 0;
     for (std::uint64_t i = 0; i < n; i++) {
-      if (!probe.has(f.elem)) return fail(f.name, "entry runs past the end of the record");
+      if (!probe.has(f.elem)) return fail(name, "entry runs past the end of the record");
       Bytes fixed = probe.take_bytes(f.elem);
       std::uint64_t strings = 0;
       for (unsigned k = 0; k < f.nlens; k++) strings += ld32(fixed.data() + f.lens[k]);
-      if (!probe.has(strings)) return fail(f.name, "entry strings run past the end of the record");
+      if (!probe.has(strings)) return fail(name, "entry strings run past the end of the record");
       probe.take_bytes(strings);
       total += f.elem + strings;
     }
-    bytes(f.name, cur_.take_bytes(total), 1);
+    bytes(name, cur_.take_bytes(total), 1);
     return true;
   }
 
@@ -323,6 +324,33 @@ bool unpack_online_stack(Bytes packed, std::vector<std::uint32_t> &frames)
   return true;
 }
 
+namespace {
+
+// The names of a schema and of its fields, measured once: the tables hold C strings, and a trace holds
+// millions of records of a few kinds. Records of one kind come in runs, so the last answer is kept too.
+struct SchemaNames {
+  std::string_view record;
+  std::vector<std::string_view> fields;
+};
+
+const SchemaNames &names_of(const tf_schema_t *schema)
+{
+  static std::unordered_map<const tf_schema_t *, SchemaNames> known;
+  static const tf_schema_t *last = nullptr;
+  static const SchemaNames *last_names = nullptr;
+  if (schema == last) return *last_names;
+  auto [it, fresh] = known.try_emplace(schema);
+  if (fresh) {
+    it->second.record = schema->name;
+    for (unsigned i = 0; i < schema->nfields; i++) it->second.fields.emplace_back(schema->fields[i].name);
+  }
+  last = schema;
+  last_names = &it->second;
+  return it->second;
+}
+
+} // namespace
+
 bool decode_record(Bytes rec, Record &out, std::string &error)
 {
   out.schema = nullptr; // reset in place: the field vector keeps its memory between records
@@ -356,7 +384,8 @@ bool decode_record(Bytes rec, Record &out, std::string &error)
     }
   }
   const tf_schema_t &s = *out.schema;
-  out.record_name = s.name;
+  const SchemaNames &names = names_of(out.schema);
+  out.record_name = names.record;
   bool alt = out.desc == s.alt_desc && s.alt_desc != s.desc;
   Walker w(rec, out, error);
   w.cursor().take(4);
@@ -369,7 +398,7 @@ bool decode_record(Bytes rec, Record &out, std::string &error)
       out.api = find_api(fid, form);
       out.function = out.api ? std::string_view(out.api->name) : probe_name(fid);
     }
-    if (!w.field(f, alt)) return false;
+    if (!w.field(f, names.fields[i], alt)) return false;
   }
   if (w.cursor().left() != 0) {
     error = std::string(out.name()) + ": " + std::to_string(w.cursor().left()) + " bytes left behind the last field";

@@ -14,6 +14,14 @@ constexpr std::size_t kDumpBytesMax = 256;
 
 constexpr std::string_view kTimeFields[] = {"timestamp", "begin_time", "end_time", "time"};
 
+// A record carries each of these at most once.
+bool is_time_field(std::string_view name)
+{
+  for (std::string_view t : kTimeFields)
+    if (name == t) return true;
+  return false;
+}
+
 std::uint64_t num_or(const Record &r, std::string_view name, std::uint64_t fallback)
 {
   const Field *f = r.find(name);
@@ -136,9 +144,19 @@ void TraceParser::see_time(std::uint64_t t)
 void TraceParser::track(const Record &r)
 {
   std::string_view n = r.name();
-  counts_[n]++;
-  if (r.schema && r.schema->api) api_counts_[r.function.empty() ? std::string_view("(unknown function)") : r.function]++;
-  for (std::string_view t : kTimeFields) see_time(num_or(r, t, 0));
+  if (!recent_.count || recent_.name != n) recent_.name = n, recent_.count = &counts_[n];
+  ++*recent_.count;
+  if (r.schema && r.schema->api) {
+    std::string_view function = r.function.empty() ? std::string_view("(unknown function)") : r.function;
+    if (!recent_.api_count || recent_.function != function)
+      recent_.function = function, recent_.api_count = &api_counts_[function];
+    ++*recent_.api_count;
+  }
+  std::uint64_t times[std::size(kTimeFields)];
+  std::size_t time_count = 0;
+  for (const Field &f : r.fields)
+    if (f.kind == Field::Kind::Num && is_time_field(f.name) && time_count < std::size(times)) times[time_count++] = f.num;
+  for (std::size_t i = 0; i < time_count; i++) see_time(times[i]);
   if (n == "hardcfg" || n == "hardcfg3" || n == "hardcfg4" || n == "hardcfg5")
     timesource_hz_ = num_or(r, "timesource_frequency", 0);
   if (n == "marker" && !marker_) marker_ = {num_or(r, "count", 0), num_or(r, "wall_clock", 0)};
@@ -158,10 +176,12 @@ void TraceParser::track(const Record &r)
   activity_.on_record(file_pid(), r);
   const Field *tid = r.find("tid");
   if (!tid || tid->kind != Field::Kind::Num) return;
-  ThreadInfo &t = threads_[{file_pid(), std::uint32_t(tid->num)}];
+  ThreadKey key{file_pid(), std::uint32_t(tid->num)};
+  if (!recent_.thread_info || recent_.thread != key) recent_.thread = key, recent_.thread_info = &threads_[key];
+  ThreadInfo &t = *recent_.thread_info;
   t.records++;
-  for (std::string_view f : kTimeFields)
-    if (std::uint64_t v = num_or(r, f, 0)) {
+  for (std::size_t i = 0; i < time_count; i++)
+    if (std::uint64_t v = times[i]) {
       t.first = t.first ? std::min(t.first, v) : v;
       t.last = std::max(t.last, v);
     }

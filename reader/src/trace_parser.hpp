@@ -80,6 +80,14 @@ private:
   std::map<std::string_view, std::uint64_t> api_counts_;
   std::map<std::uint32_t, ProcessInfo> processes_;
   std::map<ThreadKey, ThreadInfo> threads_;
+  // Runs of records share their kind, function and thread: the entries of the last record, kept (the maps'
+  // entries never move) so that a run pays one lookup each.
+  struct Recent {
+    std::string_view name, function;
+    std::uint64_t *count = nullptr, *api_count = nullptr;
+    ThreadKey thread{};
+    ThreadInfo *thread_info = nullptr;
+  } recent_;
   ActivityTracker activity_;
   std::optional<std::uint64_t> first_, last_;
   std::uint64_t timesource_hz_ = 0;
