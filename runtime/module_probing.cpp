@@ -223,54 +223,48 @@ void resolve_row(IMG img, const vorx_probe_entry_t &entry, vorx_probe_t *row, RT
   set_default_row(entry, row, symbol);
 }
 
-// The image's symbols by their plain name (the text before any '@'), each name's symbols in the order of the
-// symbol table. One pass over the table serves every function of the module: libc alone has thousands of
-// symbols and hundreds of wanted functions. The index is one sorted array (one allocation, not one list per
-// name), searched by halves.
-class SymbolsByName {
+// The symbols of an image that name functions of a module's list, by the list's entry, each in the order of
+// the symbol table (a plain name is the text before any '@'). One pass over the table serves the whole list:
+// libc alone has thousands of symbols and a hundred wanted functions, so each symbol is looked up among the
+// wanted names, not the other way round, and nothing else of the table is kept.
+class WantedSymbols {
  public:
-  explicit SymbolsByName(IMG img) {
+  WantedSymbols(IMG img, const vorx_module_descriptor_t *descriptor) {
+    std::unordered_map<std::string_view, unsigned> wanted;
+    unsigned count = 0;
+    for (const vorx_probe_entry_t *entry = descriptor->probes; entry && entry->name; ++entry, ++count)
+      wanted.emplace(entry->name, count);
+    symbols_.resize(count);
     for (SYM sym = IMG_RegsymHead(img); SYM_Valid(sym); sym = SYM_Next(sym)) {
       if (SYM_Index(sym) == 0) continue;
-      std::string_view name(SYM_Name(sym));  // the engine keeps the names as long as the image
-      entries_.push_back({name.substr(0, name.find('@')), sym});
+      std::string_view name(SYM_Name(sym));
+      auto found = wanted.find(name.substr(0, name.find('@')));
+      if (found != wanted.end()) symbols_[found->second].push_back(sym);
     }
-    std::stable_sort(entries_.begin(), entries_.end(),
-                     [](const Entry &a, const Entry &b) { return a.name < b.name; });
   }
 
-  // The symbols named `name`, in table order.
-  template <class Fn>
-  void for_each(std::string_view name, Fn fn) const {
-    auto first = std::lower_bound(entries_.begin(), entries_.end(), name,
-                                  [](const Entry &e, std::string_view n) { return e.name < n; });
-    for (auto it = first; it != entries_.end() && it->name == name; ++it)
-      if (!fn(it->sym)) return;
-  }
+  // The symbols of the list's entry at `index`, in table order.
+  const std::vector<SYM> &of(unsigned index) const { return symbols_[index]; }
 
  private:
-  struct Entry {
-    std::string_view name;
-    SYM sym;
-  };
-  std::vector<Entry> entries_;
+  std::vector<std::vector<SYM>> symbols_;
 };
 
 // Every version of the function in the image, in the order of its symbol
 // table: each is a routine of its own with its own row and wrapper. A version
 // beyond the rows of the module is ignored.
-void probe_function(IMG img, const SymbolsByName &symbols, ResolvedRoutines &resolved, const vorx_probe_entry_t &entry,
-                    unsigned mod) {
+void probe_function(IMG img, const std::vector<SYM> &symbols, ResolvedRoutines &resolved,
+                    const vorx_probe_entry_t &entry, unsigned mod) {
   VORX_LOG(vorx_log_level_trace, "\n Function requested to be probed: %s", entry.name);
   unsigned ver = 0;
-  symbols.for_each(entry.name, [&](SYM sym) {
-    if (ver >= entry.versions) return false;
+  for (SYM sym : symbols) {
+    if (ver >= entry.versions) break;
     const std::string &symbol = SYM_Name(sym);
     VORX_LOG(vorx_log_level_trace, "Symbol found: %s", symbol.c_str());
     RTN rtn = routine_of_symbol(img, sym);
-    if (!RTN_Valid(rtn)) return true;
+    if (!RTN_Valid(rtn)) continue;
     void *routine = reinterpret_cast<void *>(RTN_Funptr(rtn));
-    if (resolved_in_module(entry, mod, routine)) return true;
+    if (resolved_in_module(entry, mod, routine)) continue;
     vorx_probe_t *row = vorx_probe_row(entry.id, entry.versions, mod, ver);
     KEL_LockClient();
     if (const vorx_probe_t *shared = resolved.find(routine)) {
@@ -284,8 +278,7 @@ void probe_function(IMG img, const SymbolsByName &symbols, ResolvedRoutines &res
       ++ver;
     }
     KEL_UnlockClient();
-    return true;
-  });
+  }
 }
 
 // The module index of this descriptor among the function's modules, or -1.
@@ -296,13 +289,15 @@ int module_index(const vorx_probe_entry_t &entry, const vorx_module_descriptor_t
 }
 
 void probe_module(IMG img, const vorx_module_descriptor_t *descriptor) {
-  const SymbolsByName symbols(img);
+  const WantedSymbols symbols(img, descriptor);
   ResolvedRoutines resolved;
-  for (const vorx_probe_entry_t *entry = descriptor->probes; entry != nullptr && entry->name != nullptr; ++entry) {
+  unsigned index = 0;
+  for (const vorx_probe_entry_t *entry = descriptor->probes; entry != nullptr && entry->name != nullptr;
+       ++entry, ++index) {
     if (entry->modules == 0 || !wanted_probe(entry->id)) continue;
     int mod = module_index(*entry, descriptor);
     if (mod < 0) continue;
-    probe_function(img, symbols, resolved, *entry, static_cast<unsigned>(mod));
+    probe_function(img, symbols.of(index), resolved, *entry, static_cast<unsigned>(mod));
   }
 }
 
