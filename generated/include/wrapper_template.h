@@ -106,26 +106,36 @@ inline void set_up(frame_t<T>& f) {
     f.data.locals.last_probe_id = T::id;
 }
 
-// Enters the runtime. ok: signals held, level 1; the first enter keeps the level to return to (a re-enter
-// after the call finds level 2, which is not the caller's). Any other answer touches nothing.
-template <class T>
-inline glue::enter_result enter(frame_t<T>& f, bool first) {
-    glue::enter_result r = glue::enter(f.key, f.wsp);
+// Enters the runtime. ok: signals held, level 1, and the level found stored in `found` when asked. Any other
+// answer touches nothing.
+inline glue::enter_result enter_runtime(glue::key_t& key, glue::wsp_t*& wsp, glue::mask_t& saved, unsigned* found) {
+    glue::enter_result r = glue::enter(key, wsp);
     if (r == glue::enter_result::ok) {
-        glue::block_signals(f.wsp, f.saved);
-        if (first) f.old_level = glue::runtime_level(f.wsp);
-        glue::runtime_level(f.wsp) = level_runtime;
+        glue::block_signals(wsp, saved);
+        if (found) *found = glue::runtime_level(wsp);
+        glue::runtime_level(wsp) = level_runtime;
     }
     return r;
 }
 
 // Leaves the runtime at `level`: deferred signals are completed, then the thread is released.
+inline void leave_runtime(glue::key_t& key, glue::wsp_t*& wsp, glue::mask_t saved, unsigned level) {
+    if (glue::unblock_signals(key, wsp, saved)) {
+        glue::runtime_level(wsp) = level;
+        glue::release(key);
+    }
+}
+
+// The first enter keeps the level to return to (a re-enter after the call finds level 2, which is not the
+// caller's).
+template <class T>
+inline glue::enter_result enter(frame_t<T>& f, bool first) {
+    return enter_runtime(f.key, f.wsp, f.saved, first ? &f.old_level : nullptr);
+}
+
 template <class T>
 inline void leave(frame_t<T>& f, unsigned level) {
-    if (glue::unblock_signals(f.key, f.wsp, f.saved)) {
-        glue::runtime_level(f.wsp) = level;
-        glue::release(f.key);
-    }
+    leave_runtime(f.key, f.wsp, f.saved, level);
 }
 
 // ---------------------------------------------------------------- calling the original
@@ -666,14 +676,12 @@ template <class T>
     const int err = *errno_at;
     glue::key_t key = nullptr;
     glue::wsp_t* wsp = nullptr;
-    glue::enter_result entered = glue::enter(key, wsp);
+    glue::mask_t saved{};
+    unsigned old_level = level_application;
+    glue::enter_result entered = enter_runtime(key, wsp, saved, &old_level);
     if (entered == glue::enter_result::ok) {
-        glue::mask_t saved{};
-        glue::block_signals(wsp, saved);
-        const unsigned old_level = glue::runtime_level(wsp);
         bool nested = old_level != level_application;
         if (!nested) {
-            glue::runtime_level(wsp) = level_runtime;
             vorx_probe_data_t data;
             T::in(data) = args;
             data.next_wait = nullptr;
@@ -683,10 +691,7 @@ template <class T>
             data.locals.enter_time = data.locals.leave_time = glue::now();
             glue::run_callbacks(pre_index, wsp, &data);
         }
-        if (glue::unblock_signals(key, wsp, saved)) {
-            glue::runtime_level(wsp) = old_level;
-            glue::release(key);
-        }
+        leave_runtime(key, wsp, saved, old_level);
         if (nested) return measure<T>(args, mod, ver);
     } else {
         VORX_WRAPPER_ASSERT(entered == glue::enter_result::acquired || entered == glue::enter_result::not_found);

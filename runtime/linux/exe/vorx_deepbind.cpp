@@ -218,9 +218,6 @@ struct key_cache {
   void* values[VORX_DEEPBIND_TLS_KEYS];
 };
 __thread key_cache t_keys __attribute__((tls_model("initial-exec")));
-}  // namespace
-bool g_vorx_db_static_tls = false;
-namespace {
 uint32_t g_key_generation = 1;
 
 void keys_changed() { __atomic_add_fetch(&g_key_generation, 1, __ATOMIC_RELEASE); }
@@ -711,6 +708,8 @@ char* vorx_db_getenv(const char* name) {
   auto app_getenv = APP_FN(getenv);
   return app_getenv ? app_getenv(name) : nullptr;
 }
+
+bool g_vorx_db_static_tls = false;
 
 /* A thread's errno never moves: each thread asks the application's library once. */
 __thread int* vorx_t_app_errno __attribute__((tls_model("initial-exec")));
