@@ -12,19 +12,8 @@
 
 namespace {
 
-constexpr uint32_t kCallDescriptor = 0x03000017u;  // tid and aux_id present, aux_id always 0
-constexpr uint32_t kPointFlag = 0x80000000u;
+constexpr uint32_t kCallDescriptor = VORX_CBK_DESCRIPTOR;
 constexpr uint32_t kHeadMax = 64;
-
-// The heads of both record forms have one length for the descriptor the callbacks use.
-uint32_t head_size(uint32_t (*put)(uint8_t*)) {
-  uint8_t scratch[kHeadMax];
-  return put(scratch);
-}
-const uint32_t kCallHeadSize =
-    head_size([](uint8_t* d) { return tf_apiwrap_v1_put_head(d, kCallDescriptor, 0, 0, 0, 0, 0, 0, 0); });
-const uint32_t kPointHeadSize =
-    head_size([](uint8_t* d) { return tf_apiwrap_v2_put_head(d, kCallDescriptor, 0, 0, 0, 0, 0); });
 
 // Library objects of the annotation API start with a tag and then their id.
 struct annotation_object_head {
@@ -65,37 +54,9 @@ uint32_t text_n_length(const char* text, int limit) {
   return n;
 }
 
-// Room for a whole record in the unit; null when the unit drops records.
-uint8_t* open_room(vorx_cbk_record* r, vorx_tmu_t* unit, uint32_t size) {
-  VORX_ASSERT(unit != nullptr);
-  r->unit = unit;
-  return static_cast<uint8_t*>(unit->open_record(unit, size, &r->lease));
-}
-
 }  // namespace
 
 extern "C" {
-
-vorx_tmu_t* vorx_cbk_unit(vorx_workspace* wsp, const vorx_probe_data_t* data) {
-  if (data->locals.to_aux_tmu == 1 && wsp->aux_tmu) return wsp->aux_tmu;
-  return wsp->master_tmu;
-}
-
-uint8_t* vorx_cbk_open_call_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
-                                   vorx_tmu_t* unit, uint32_t id, uint32_t tail_len) {
-  uint8_t* d = open_room(r, unit, kCallHeadSize + tail_len);
-  if (!d) return nullptr;
-  return d + tf_apiwrap_v1_put_head(d, kCallDescriptor, wsp->thread, 0, data->locals.leave_time,
-                                    data->locals.enter_time, 0, id, tail_len);
-}
-
-uint8_t* vorx_cbk_open_point_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
-                                    vorx_tmu_t* unit, uint32_t id, uint32_t tail_len) {
-  uint8_t* d = open_room(r, unit, kPointHeadSize + tail_len);
-  if (!d) return nullptr;
-  return d + tf_apiwrap_v2_put_head(d, kCallDescriptor, wsp->thread, 0, data->locals.enter_time, id | kPointFlag,
-                                    tail_len);
-}
 
 void vorx_cbk_put_call_record_with_list(vorx_workspace* wsp, const vorx_probe_data_t* data, vorx_tmu_t* unit,
                                         uint32_t id, const uint8_t* prefix, uint32_t prefix_len,

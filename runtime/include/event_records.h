@@ -8,6 +8,8 @@
 
 #include "vorx_probe_params.h"
 #include "vorx_probe_table.h"
+#include "vorx_traceformat.h"
+#include "vorx_tmu.h"
 #include "workspace.h"
 
 #ifdef __cplusplus
@@ -43,20 +45,47 @@ int vorx_directory_plain_records(uint32_t index);
 vorx_u32_t vorx_register_callbacks(vorx_callback_table* table, const vorx_u32_t* collection_types);
 
 /* The unit of the record: aux_tmu when the call says so and the workspace has one. */
-vorx_tmu_t* vorx_cbk_unit(vorx_workspace* wsp, const vorx_probe_data_t* data);
+static inline vorx_tmu_t* vorx_cbk_unit(vorx_workspace* wsp, const vorx_probe_data_t* data) {
+  if (data->locals.to_aux_tmu == 1 && wsp->aux_tmu) return wsp->aux_tmu;
+  return wsp->master_tmu;
+}
 /* A record written in place: open writes the head into the unit and answers where the tail_len bytes of
  * values go (NULL: the unit drops records, and there is nothing to close); close ends it. Between the two
- * the unit is the caller's alone: nothing else may be recorded meanwhile. */
+ * the unit is the caller's alone: nothing else may be recorded meanwhile. Both are inline: every recorded
+ * call goes through them. */
 typedef struct vorx_cbk_record {
   vorx_tmu_t* unit;
   vorx_tmu_lease_t lease;
 } vorx_cbk_record;
+
+#define VORX_CBK_DESCRIPTOR 0x03000017u /* tid and aux_id present, aux_id always 0 */
+#define VORX_CBK_POINT_FLAG 0x80000000u
+/* The heads that tf_apiwrap_v1_put_head and tf_apiwrap_v2_put_head write for VORX_CBK_DESCRIPTOR. */
+#define VORX_CBK_CALL_HEAD_SIZE 44u
+#define VORX_CBK_POINT_HEAD_SIZE 32u
+
+static inline uint8_t* vorx_cbk_open_room(vorx_cbk_record* r, vorx_tmu_t* unit, uint32_t size) {
+  r->unit = unit;
+  return (uint8_t*)vorx_tmu_open_record(unit, size, &r->lease);
+}
 /* A type 7 record: the call's times, the thread, `id`, then the values. */
-uint8_t* vorx_cbk_open_call_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
-                                   vorx_tmu_t* unit, uint32_t id, uint32_t tail_len);
+static inline uint8_t* vorx_cbk_open_call_record(vorx_cbk_record* r, vorx_workspace* wsp,
+                                                 const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
+                                                 uint32_t tail_len) {
+  uint8_t* d = vorx_cbk_open_room(r, unit, VORX_CBK_CALL_HEAD_SIZE + tail_len);
+  if (!d) return d;
+  return d + tf_apiwrap_v1_put_head(d, VORX_CBK_DESCRIPTOR, wsp->thread, 0, data->locals.leave_time,
+                                    data->locals.enter_time, 0, id, tail_len);
+}
 /* A type 9 record: one time (enter_time), id | 0x80000000, then the values. */
-uint8_t* vorx_cbk_open_point_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
-                                    vorx_tmu_t* unit, uint32_t id, uint32_t tail_len);
+static inline uint8_t* vorx_cbk_open_point_record(vorx_cbk_record* r, vorx_workspace* wsp,
+                                                  const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
+                                                  uint32_t tail_len) {
+  uint8_t* d = vorx_cbk_open_room(r, unit, VORX_CBK_POINT_HEAD_SIZE + tail_len);
+  if (!d) return d;
+  return d + tf_apiwrap_v2_put_head(d, VORX_CBK_DESCRIPTOR, wsp->thread, 0, data->locals.enter_time,
+                                    id | VORX_CBK_POINT_FLAG, tail_len);
+}
 /* The fatal end of a record that the unit refused. */
 void vorx_cbk_record_lost(const char* callback) __attribute__((noreturn));
 static inline void vorx_cbk_close_record(vorx_cbk_record* r, const char* callback) {

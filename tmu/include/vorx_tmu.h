@@ -106,6 +106,9 @@ struct vorx_tmu {
   volatile vorx_u32_t buffer_lock;
   vorx_mutex_t spill_lock;
   vorx_u8_t locked;
+  /* 1 while open_record is the working one and the unit is not a ring: a small record may then be written
+   * by vorx_tmu_open_record in place, without the call (checked under buffer_lock) */
+  volatile vorx_u8_t direct_open;
   volatile vorx_u8_t writer_ready;
   vorx_u8_t magic_written;
   vorx_tmu_length_cb calculate_length;
@@ -120,6 +123,28 @@ struct vorx_tmu {
 
 /* Two-phase write: room for size bytes in the active buffer; confirm_record when written. */
 int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_tmu_buffer_t **buffer);
+
+/* Records up to this size are written in place under buffer_lock; bigger ones are reserved. */
+#define VORX_TMU_SMALL_RECORD 256u
+
+/* open_record, with the common case inline: a small record that fits the active buffer of a working
+ * unit. Everything else (a switch, a spill, a ring, a unit that drops records) goes through the unit. */
+static inline void *vorx_tmu_open_record(vorx_tmu_t *tmu, vorx_u32_t size, vorx_tmu_lease_t *lease)
+{
+  if (size <= VORX_TMU_SMALL_RECORD && __atomic_exchange_n(&tmu->buffer_lock, 1u, __ATOMIC_ACQUIRE) == 0) {
+    vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
+    if (tmu->direct_open && (vorx_u32_t)(active->head + active->size - active->write_ptr) >= size) {
+      void *dest = active->write_ptr;
+      active->write_ptr += size;
+      lease->held_lock = &tmu->buffer_lock;
+      lease->buffer = 0;
+      lease->ok = 1;
+      return dest;
+    }
+    __atomic_store_n(&tmu->buffer_lock, 0u, __ATOMIC_RELEASE);
+  }
+  return tmu->open_record(tmu, size, lease);
+}
 
 /* Ends a write begun with open_record: 1 when the record is in the unit. */
 static inline int vorx_tmu_close_record(vorx_tmu_t *tmu, vorx_tmu_lease_t *lease)

@@ -338,7 +338,7 @@ static void tmu_confirm(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buff)
 /* Small records are written while the buffer lock is held: a few dozen bytes cost less than the two atomic
  * operations on pend_writes_cntr that let a writer work outside the lock. A spill takes the same lock, so
  * it never sees such a record half written. */
-enum { k_write_under_lock = 256 };
+enum { k_write_under_lock = VORX_TMU_SMALL_RECORD };
 
 static void *tmu_open_record(vorx_tmu_t *tmu, vorx_u32_t size, vorx_tmu_lease_t *lease)
 {
@@ -422,6 +422,7 @@ static void install_idle(vorx_tmu_t *tmu)
   tmu->spill = idle_spill;
   tmu->put_encoded = idle_put_encoded;
   tmu->open_record = idle_open_record;
+  tmu->direct_open = 0;
 }
 
 static void install_working(vorx_tmu_t *tmu)
@@ -430,6 +431,7 @@ static void install_working(vorx_tmu_t *tmu)
   tmu->spill = tmu_spill;
   tmu->put_encoded = tmu_put_encoded;
   tmu->open_record = tmu_open_record;
+  tmu->direct_open = tmu->mode != vorx_tmu_mode_ring;
 }
 
 static void writer_close_destroy(vorx_tmu_t *tmu)
@@ -515,6 +517,7 @@ void vorx_tmu_set_mode(vorx_tmu_t *tmu, vorx_u32_t mode)
     consumption_add((vorx_u64_t)pool_bytes(tmu));
   }
   tmu->mode = mode;
+  tmu->direct_open = tmu->open_record == tmu_open_record && mode != vorx_tmu_mode_ring;
   vorx_mutex_unlock(&tmu->spill_lock);
   unit_unlock(&tmu->buffer_lock);
 }
