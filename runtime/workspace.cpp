@@ -382,6 +382,7 @@ vorx_u32_t vorx_enable_workspace_threads(vorx_tls_key_t key, vorx_u32_t block_si
   options.suspend = vorx_suspend_thread;
   options.attach = vorx_attach_thread;
   options.detach = vorx_detach_thread;
+  options.mirror_slots = g_vorx_db_static_tls ? 1 : 0;
   return vorx_thread_manager_enable_threads(g_vorx_thread_manager, &options);
 }
 

@@ -1,6 +1,7 @@
 // Thread manager: the life of one thread's descriptor, the refusals of enter,
 // catch from other threads, tid reuse, signals, and the end of a collection.
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <thread>
@@ -70,6 +71,7 @@ vorx_thread_manager_options_t ManagerTest::options(vorx_u32_t cache_limit) {
   o.suspend = on_suspend;
   o.attach = on_attach;
   o.detach = on_detach;
+  o.mirror_slots = getenv("VORX_TM_TEST_MIRROR_SLOTS") != nullptr;
   return o;
 }
 
@@ -220,7 +222,7 @@ TEST_F(ManagerTest, ReusedTidMarksTheDeadEntryOrphan) {
 
   // A new thread with the same id: its slot is empty, the old entry is cached.
   // With nothing unclaimed in storage, enter doesn't even look.
-  pthread_setspecific(key_, nullptr);
+  vorx_thread_manager_forget_slot(mgr_);
   vorx_ts_desc_t* key = nullptr;
   EXPECT_EQ(enter(mgr_, &key, &data), vorx_thread_manager_op_err_thread_not_found);
   EXPECT_EQ(old_key->l1.data.flags[vorx_ts_desc_fl_orphan], 0u);
@@ -249,7 +251,7 @@ TEST_F(ManagerTest, RegisterOrphansADeadEntryThatEnterSkipped) {
   ASSERT_EQ(enter(mgr_, &old_key, &data), vorx_thread_manager_op_err_ok);
   vorx_thread_manager_release(mgr_, old_key);
   EXPECT_EQ(mgr_->tls.l1.data.unclaimed, 0u);
-  pthread_setspecific(key_, nullptr);
+  vorx_thread_manager_forget_slot(mgr_);
   EXPECT_EQ(vorx_thread_manager_register(mgr_, tid, nullptr), vorx_thread_manager_op_err_ok);
   EXPECT_EQ(old_key->l1.data.flags[vorx_ts_desc_fl_orphan], 1u);
   vorx_ts_desc_t* key = nullptr;

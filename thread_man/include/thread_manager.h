@@ -162,6 +162,9 @@ typedef struct vorx_thread_manager_options {
   vorx_tm_data_cbk_t suspend;      /* attach_in_progress -> detached */
   vorx_tm_data_cbk_t attach;       /* attach_in_progress -> in_profiling, on the thread itself */
   vorx_tm_detach_cbk_t detach;     /* in_profiling -> detached; must return ok */
+  /* Threads have a static TLS block: each keeps its slot there too, read on every enter without the
+   * thread library's call. 0 where the thread pointer does not reach such a block yet. */
+  vorx_u32_t mirror_slots;
 } vorx_thread_manager_options_t;
 
 typedef struct vorx_thr_mgr {
@@ -210,6 +213,10 @@ void vorx_thread_manager_ignore(vorx_thr_mgr_t* mgr);
 vorx_u32_t vorx_thread_manager_register(vorx_thr_mgr_t* mgr, vorx_u32_t tid, void* reg);
 vorx_u32_t vorx_thread_manager_unregister(vorx_thr_mgr_t* mgr, vorx_u32_t tid, void* arg);
 vorx_u32_t vorx_thread_manager_enter(vorx_thr_mgr_t* mgr, vorx_ts_desc_t** key, void** out_data);
+/* Empties the calling thread's slot, as a thread new to the manager finds it: for a thread that takes
+ * over the id of one that ended, and for tests that stand in for such a thread. The slot is written only
+ * through the manager, which may keep it in the thread's static TLS as well. */
+void vorx_thread_manager_forget_slot(vorx_thr_mgr_t* mgr);
 vorx_u32_t vorx_thread_manager_catch(vorx_thr_mgr_t* mgr, vorx_ts_desc_t* desc, void** out_data);
 /* One plain store: the caller must hold the descriptor (enter gave ok). */
 #ifdef VORX_TM_HELGRIND

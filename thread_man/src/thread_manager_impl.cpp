@@ -47,8 +47,56 @@ inline desc_t* desc_of(vorx_tm_link_t* l) {
   return (desc_t*)((char*)l - offsetof(desc_t, l1.data.link));
 }
 
-inline void* slot_read(mgr_t* m) { return pthread_getspecific(S(m).key); }
-inline void slot_write(mgr_t* m, const void* v) { pthread_setspecific(S(m).key, v); }
+/* The thread's slot of a manager, mirrored in static TLS when the manager's options allow it: every wrapped
+ * call reads the slot, and the thread library's specific data costs a call and some forty instructions.
+ * The mirror holds what the slot holds. It names its manager and the generation of managers it was taken
+ * in (a new one begins with every setup and destruction), so that a slot of a manager since set up anew,
+ * or destroyed and made again at the same address, is never taken from it. `writes` lets a read that a
+ * signal handler's write overtook leave the mirror alone. */
+struct slot_mirror {
+  const mgr_t* mgr;
+  vorx_u32_t generation;  // 0: nothing mirrored
+  vorx_u32_t writes;
+  void* value;
+};
+__thread slot_mirror t_slot __attribute__((tls_model("initial-exec")));
+vorx_u32_t g_slot_generation = 1;
+
+inline bool mirrored(mgr_t* m) { return m->options.mirror_slots != 0; }
+
+inline void mirror_keep(mgr_t* m, void* v) {
+  t_slot.generation = 0;
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);
+  t_slot.mgr = m;
+  t_slot.value = v;
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);
+  t_slot.generation = __atomic_load_n(&g_slot_generation, __ATOMIC_ACQUIRE);
+}
+
+inline void* slot_read(mgr_t* m) {
+  if (!mirrored(m)) return pthread_getspecific(S(m).key);
+  if (t_slot.mgr == m && t_slot.generation == __atomic_load_n(&g_slot_generation, __ATOMIC_ACQUIRE))
+    return t_slot.value;
+  vorx_u32_t writes = t_slot.writes;
+  void* v = pthread_getspecific(S(m).key);
+  if (t_slot.writes == writes) mirror_keep(m, v);
+  return v;
+}
+
+inline void slot_write(mgr_t* m, const void* v) {
+  if (!mirrored(m)) {
+    pthread_setspecific(S(m).key, v);
+    return;
+  }
+  ++t_slot.writes;
+  t_slot.generation = 0;
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);
+  pthread_setspecific(S(m).key, v);
+  mirror_keep(m, const_cast<void*>(v));
+}
+
+/* Every mirror taken so far is out of date. */
+inline void slots_renewed() { __atomic_add_fetch(&g_slot_generation, 1, __ATOMIC_ACQ_REL); }
 
 inline void list_init(vorx_tm_link_t* head) { head->prev = head->next = head; }
 inline bool list_empty(const vorx_tm_link_t* head) { return head->next == head; }
@@ -133,6 +181,7 @@ void storage_setup(mgr_t* m, vorx_tls_key_t key) {
   s.magic = VORX_TM_MAGIC;
   s.key = key;
   s.unclaimed = 0;
+  slots_renewed();
   VORX_TM_LOCK_CREATED(&s.lock);
   VORX_TM_SYNC_WORD(&s.lock);
   VORX_TM_SYNC_WORD(&s.waiters);
@@ -697,6 +746,7 @@ void vorx_thread_manager_destroy(vorx_thr_mgr_t* m) {
   if (!m || m->magic != VORX_TM_MAGIC) return;
   VORX_TM_ASSERT(m->state != vorx_thr_mgr_st_threads_enabled);
   free_list_drain(m);
+  slots_renewed();
   pthread_mutex_destroy(&m->free_list.mutex);
   pthread_mutex_destroy(&m->state_mutex);
   pthread_mutex_destroy(&m->global_mutex);
@@ -839,6 +889,8 @@ vorx_u32_t vorx_thread_manager_unregister(vorx_thr_mgr_t* m, vorx_u32_t tid, voi
   thr_mgr_complete_global(m);
   return vorx_thread_manager_op_err_empty;
 }
+
+void vorx_thread_manager_forget_slot(vorx_thr_mgr_t* m) { slot_write(m, nullptr); }
 
 vorx_u32_t vorx_thread_manager_enter(vorx_thr_mgr_t* m, vorx_ts_desc_t** key, void** out_data) {
   if (__builtin_expect(!m || m->state != vorx_thr_mgr_st_threads_enabled, 0))
