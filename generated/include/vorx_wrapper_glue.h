@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include "event_records.h"
 #include "sal.h"
 #include "thread_manager.h"
 #include "vorx_config.h"
@@ -44,10 +45,6 @@ int vorx_find_sync_waiter(vorx_ts_desc_t* key, void* filtering_data, void* objec
 extern void* g_vorx_mem_obj_htable;
 int vorx_mem_obj_htable_insert(void* table, const vorx_configuration* conf, uint64_t size, void* address);
 int vorx_mem_obj_htable_delete(void* table, void* address);
-// the callback directory
-void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data);
-int vorx_directory_has_callbacks(uint32_t index);
-int vorx_directory_plain_records(uint32_t index);
 // thin members
 void vorx_detach_runtime(void);
 void vorx_stop_notification_service(void);
@@ -93,7 +90,7 @@ inline int* errno_location() { return vorx_app_errno_location(); }
 
 inline enter_result enter(key_t& key, wsp_t*& wsp) {
     void* data = nullptr;
-    switch (vorx_thread_manager_enter(g_vorx_thread_manager, &key, &data)) {
+    switch (vorx_thread_manager_enter_quick(g_vorx_thread_manager, &key, &data)) {
         case vorx_thread_manager_op_err_ok: wsp = static_cast<wsp_t*>(data); return enter_result::ok;
         case vorx_thread_manager_op_err_acquired: return enter_result::acquired;
         case vorx_thread_manager_op_err_thread_not_found: return enter_result::not_found;
@@ -147,6 +144,10 @@ inline void run_callbacks(unsigned index, wsp_t* wsp, vorx_probe_data_t* data) {
     vorx_run_directory_callbacks(index, wsp, data);
 }
 inline bool has_callbacks(unsigned index) { return vorx_directory_has_callbacks(index) != 0; }
+// Where plain_records(index) holds: its one callback, called without the walk over the tables.
+inline void run_plain_record(unsigned index, wsp_t* wsp, vorx_probe_data_t* data) {
+    vorx_run_plain_record(index, wsp, data);
+}
 // Every callback at index is a plain record: it reads the parameters, the times and the state, nothing else.
 inline bool plain_records(unsigned index) { return vorx_directory_plain_records(index) != 0; }
 // Only plain records before the call and nothing after it.

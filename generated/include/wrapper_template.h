@@ -689,7 +689,7 @@ template <class T>
             data.locals.to_aux_tmu = T::to_aux ? 1 : 0;
             data.locals.last_probe_id = T::id;
             data.locals.enter_time = data.locals.leave_time = glue::now();
-            glue::run_callbacks(pre_index, wsp, &data);
+            glue::run_plain_record(pre_index, wsp, &data);
         }
         leave_runtime(key, wsp, saved, old_level);
         if (nested) return measure<T>(args, mod, ver);

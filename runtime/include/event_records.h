@@ -39,6 +39,10 @@ int vorx_directory_has_callbacks(uint32_t index);
 /* 1 when every callback at index is a record of the tp table, which reads nothing of the call but its
  * parameters, times, state and unit. */
 int vorx_directory_plain_records(uint32_t index);
+/* Where vorx_directory_plain_records(index) holds: the one callback there, the tp table's. */
+static inline void vorx_run_plain_record(uint32_t index, void* wsp, vorx_probe_data_t* data) {
+  g_vorx_tp_cbks.entries[index](wsp, data);
+}
 
 /* Applies the filter of collection_types (bitmap words of the configuration) to the table and links it
  * into the directory; 1 linked, 0 left out because no id of it is active. */

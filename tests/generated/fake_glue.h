@@ -129,6 +129,7 @@ inline void run_callbacks(unsigned index, wsp_t*, vorx_probe_data_t* d) {
                                     d->locals.stack_policy, d->locals.to_aux_tmu});
     fake::st().last_params = d->params;
 }
+inline void run_plain_record(unsigned index, wsp_t* wsp, vorx_probe_data_t* d) { run_callbacks(index, wsp, d); }
 inline bool has_callbacks(unsigned) { return fake::st().post_callbacks; }
 // callbacks after a call are taken for stacks, which read the machine context
 inline bool plain_records(unsigned) { return false; }

@@ -42,14 +42,14 @@ void worker_body(Load* load) {
     vorx_ts_desc_t* key = nullptr;
     for (int i = 0; i < kEntersPerLife; ++i) {
       void* data = nullptr;
-      vorx_u32_t r = vorx_thread_manager_enter(m, &key, &data);
+      vorx_u32_t r = vorx_thread_manager_enter_quick(m, &key, &data);
       if (r == vorx_thread_manager_op_err_thread_not_found) break;  // detached under us
       ASSERT_EQ(r, vorx_thread_manager_op_err_ok);
       hold_exclusively(data);
       if ((i & 63) == 0) {
         vorx_ts_desc_t* nested = nullptr;
         void* nested_data;
-        ASSERT_EQ(vorx_thread_manager_enter(m, &nested, &nested_data), vorx_thread_manager_op_err_acquired);
+        ASSERT_EQ(vorx_thread_manager_enter_quick(m, &nested, &nested_data), vorx_thread_manager_op_err_acquired);
         if ((i & 255) == 0) pthread_kill(pthread_self(), SIGUSR2);
       }
       vorx_thread_manager_release(m, key);
@@ -65,7 +65,7 @@ vorx_thr_mgr_t* g_handler_mgr;
 void handler_enters(int) {
   vorx_ts_desc_t* key = nullptr;
   void* data;
-  vorx_u32_t r = vorx_thread_manager_enter(g_handler_mgr, &key, &data);
+  vorx_u32_t r = vorx_thread_manager_enter_quick(g_handler_mgr, &key, &data);
   // The interrupted frame holds the descriptor: the handler must not release.
   if (r != vorx_thread_manager_op_err_acquired) abort();
 }
@@ -104,7 +104,7 @@ void walker_body(Load* load) {
   vorx_ts_desc_t* key = nullptr;
   while (!load->stop) {
     void* data;
-    if (vorx_thread_manager_enter(m, &key, &data) != vorx_thread_manager_op_err_ok) break;
+    if (vorx_thread_manager_enter_quick(m, &key, &data) != vorx_thread_manager_op_err_ok) break;
     vorx_thread_manager_iterate(m, key, [](vorx_ts_desc_t* d, void*, void* arg) -> vorx_u32_t {
       auto* l = static_cast<Load*>(arg);
       l->walked++;
@@ -173,7 +173,7 @@ TEST_F(ManagerStressTest, ForkInTheMiddle) {
       failures += vorx_thread_manager_register(mgr_, gettid_now(), nullptr) != vorx_thread_manager_op_err_ok;
       vorx_ts_desc_t* key = nullptr;
       void* data;
-      failures += vorx_thread_manager_enter(mgr_, &key, &data) != vorx_thread_manager_op_err_ok;
+      failures += vorx_thread_manager_enter_quick(mgr_, &key, &data) != vorx_thread_manager_op_err_ok;
       _exit(failures);
     }
     int status = 0;
@@ -203,7 +203,7 @@ vorx_thr_mgr_t* g_storm_mgr;
 void storm_handler(int) {
   vorx_ts_desc_t* key = nullptr;
   void* data = nullptr;
-  vorx_u32_t r = vorx_thread_manager_enter(g_storm_mgr, &key, &data);
+  vorx_u32_t r = vorx_thread_manager_enter_quick(g_storm_mgr, &key, &data);
   if (r > vorx_thread_manager_op_err_eof) abort();
   g_storm_results[r]++;
   if (r == vorx_thread_manager_op_err_ok) {
@@ -230,7 +230,7 @@ TEST_F(ManagerStressTest, SignalsInterruptTheManagersOwnCode) {
       vorx_ts_desc_t* key = nullptr;
       for (int i = 0; i < 20; ++i) {
         void* data;
-        ASSERT_EQ(vorx_thread_manager_enter(mgr_, &key, &data), vorx_thread_manager_op_err_ok);
+        ASSERT_EQ(vorx_thread_manager_enter_quick(mgr_, &key, &data), vorx_thread_manager_op_err_ok);
         hold_exclusively(data);
         vorx_thread_manager_release(mgr_, key);
       }

@@ -218,10 +218,53 @@ vorx_u32_t vorx_thread_manager_enter(vorx_thr_mgr_t* mgr, vorx_ts_desc_t** key, 
  * through the manager, which may keep it in the thread's static TLS as well. */
 void vorx_thread_manager_forget_slot(vorx_thr_mgr_t* mgr);
 vorx_u32_t vorx_thread_manager_catch(vorx_thr_mgr_t* mgr, vorx_ts_desc_t* desc, void** out_data);
-/* One plain store: the caller must hold the descriptor (enter gave ok). */
 #ifdef VORX_TM_HELGRIND
 #include <valgrind/helgrind.h>
 #endif
+
+/* The thread's slot of a manager whose options mirror slots, kept in static TLS as well: it holds what the
+ * slot holds while `mgr` and `generation` match (a new generation begins with every setup and destruction
+ * of a manager, so a mirror of a manager set up anew is never taken). `writes` counts the thread's writes. */
+typedef struct vorx_tm_slot_mirror {
+  const struct vorx_thr_mgr* mgr;
+  vorx_u32_t generation; /* 0: nothing mirrored */
+  vorx_u32_t writes;
+  void* value;
+} vorx_tm_slot_mirror_t;
+extern __thread vorx_tm_slot_mirror_t vorx_t_tm_slot __attribute__((tls_model("initial-exec")));
+extern vorx_u32_t g_vorx_tm_slot_generation;
+
+/* enter, with the common case inline: a thread whose mirrored slot holds its descriptor, which is free, in
+ * storage and in profiling. Everything else (no mirror, nested, caught, attaching, detached) is decided
+ * by vorx_thread_manager_enter. */
+static inline vorx_u32_t vorx_thread_manager_enter_quick(vorx_thr_mgr_t* m, vorx_ts_desc_t** key,
+                                                         void** out_data) {
+  if (__builtin_expect(m != 0 && m->options.mirror_slots && *key == 0 &&
+                           m->state == vorx_thr_mgr_st_threads_enabled && vorx_t_tm_slot.mgr == m &&
+                           vorx_t_tm_slot.generation == __atomic_load_n(&g_vorx_tm_slot_generation,
+                                                                        __ATOMIC_ACQUIRE),
+                       1)) {
+    vorx_ts_desc_t* d = (vorx_ts_desc_t*)vorx_t_tm_slot.value;
+    vorx_s32_t previous = 0;
+    if ((uintptr_t)d >= vorx_ts_desc_ma_eof && d->l1.data.magic == VORX_TM_MAGIC &&
+        !d->l1.data.flags[vorx_ts_desc_fl_recursive] && d->l1.data.state == vorx_ts_st_in_profiling &&
+        __atomic_compare_exchange_n(&d->l1.data.owner, &previous, (vorx_s32_t)d->l1.data.tid, 0,
+                                    __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+      /* Held: only the holder changes state and link, so what is read now stays true. */
+      if (d->l1.data.link.next != 0 && d->l1.data.state == vorx_ts_st_in_profiling) {
+#ifdef VORX_TM_HELGRIND
+        ANNOTATE_HAPPENS_AFTER(&d->l1.data.owner);
+#endif
+        *key = d;
+        *out_data = d->l1.data.tsd;
+        return vorx_thread_manager_op_err_ok;
+      }
+      __atomic_store_n(&d->l1.data.owner, 0, __ATOMIC_RELEASE);
+    }
+  }
+  return vorx_thread_manager_enter(m, key, out_data);
+}
+/* One plain store: the caller must hold the descriptor (enter gave ok). */
 static inline void vorx_thread_manager_release(vorx_thr_mgr_t* mgr, vorx_ts_desc_t* desc) {
   (void)mgr;
 #ifdef VORX_TM_HELGRIND

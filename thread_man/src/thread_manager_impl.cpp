@@ -23,6 +23,8 @@
 
 extern "C" {
 vorx_thr_mgr_t* g_vorx_thread_manager = nullptr;
+__thread vorx_tm_slot_mirror_t vorx_t_tm_slot __attribute__((tls_model("initial-exec")));
+vorx_u32_t g_vorx_tm_slot_generation = 1;
 }
 
 namespace {
@@ -47,39 +49,27 @@ inline desc_t* desc_of(vorx_tm_link_t* l) {
   return (desc_t*)((char*)l - offsetof(desc_t, l1.data.link));
 }
 
-/* The thread's slot of a manager, mirrored in static TLS when the manager's options allow it: every wrapped
- * call reads the slot, and the thread library's specific data costs a call and some forty instructions.
- * The mirror holds what the slot holds. It names its manager and the generation of managers it was taken
- * in (a new one begins with every setup and destruction), so that a slot of a manager since set up anew,
- * or destroyed and made again at the same address, is never taken from it. `writes` lets a read that a
- * signal handler's write overtook leave the mirror alone. */
-struct slot_mirror {
-  const mgr_t* mgr;
-  vorx_u32_t generation;  // 0: nothing mirrored
-  vorx_u32_t writes;
-  void* value;
-};
-__thread slot_mirror t_slot __attribute__((tls_model("initial-exec")));
-vorx_u32_t g_slot_generation = 1;
-
+/* Slots are read on every enter: where threads have static TLS, each thread's slot is mirrored there
+ * (vorx_tm_slot_mirror_t), which saves the thread library's call and some forty instructions. */
 inline bool mirrored(mgr_t* m) { return m->options.mirror_slots != 0; }
 
 inline void mirror_keep(mgr_t* m, void* v) {
-  t_slot.generation = 0;
+  vorx_t_tm_slot.generation = 0;
   __atomic_signal_fence(__ATOMIC_SEQ_CST);
-  t_slot.mgr = m;
-  t_slot.value = v;
+  vorx_t_tm_slot.mgr = m;
+  vorx_t_tm_slot.value = v;
   __atomic_signal_fence(__ATOMIC_SEQ_CST);
-  t_slot.generation = __atomic_load_n(&g_slot_generation, __ATOMIC_ACQUIRE);
+  vorx_t_tm_slot.generation = __atomic_load_n(&g_vorx_tm_slot_generation, __ATOMIC_ACQUIRE);
 }
 
 inline void* slot_read(mgr_t* m) {
   if (!mirrored(m)) return pthread_getspecific(S(m).key);
-  if (t_slot.mgr == m && t_slot.generation == __atomic_load_n(&g_slot_generation, __ATOMIC_ACQUIRE))
-    return t_slot.value;
-  vorx_u32_t writes = t_slot.writes;
+  if (vorx_t_tm_slot.mgr == m &&
+      vorx_t_tm_slot.generation == __atomic_load_n(&g_vorx_tm_slot_generation, __ATOMIC_ACQUIRE))
+    return vorx_t_tm_slot.value;
+  vorx_u32_t writes = vorx_t_tm_slot.writes;
   void* v = pthread_getspecific(S(m).key);
-  if (t_slot.writes == writes) mirror_keep(m, v);
+  if (vorx_t_tm_slot.writes == writes) mirror_keep(m, v);
   return v;
 }
 
@@ -88,15 +78,15 @@ inline void slot_write(mgr_t* m, const void* v) {
     pthread_setspecific(S(m).key, v);
     return;
   }
-  ++t_slot.writes;
-  t_slot.generation = 0;
+  ++vorx_t_tm_slot.writes;
+  vorx_t_tm_slot.generation = 0;
   __atomic_signal_fence(__ATOMIC_SEQ_CST);
   pthread_setspecific(S(m).key, v);
   mirror_keep(m, const_cast<void*>(v));
 }
 
 /* Every mirror taken so far is out of date. */
-inline void slots_renewed() { __atomic_add_fetch(&g_slot_generation, 1, __ATOMIC_ACQ_REL); }
+inline void slots_renewed() { __atomic_add_fetch(&g_vorx_tm_slot_generation, 1, __ATOMIC_ACQ_REL); }
 
 inline void list_init(vorx_tm_link_t* head) { head->prev = head->next = head; }
 inline bool list_empty(const vorx_tm_link_t* head) { return head->next == head; }

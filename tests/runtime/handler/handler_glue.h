@@ -75,6 +75,7 @@ inline bool cpu_collection() { return false; }
 inline void* head_trampoline(unsigned id) { return vorx_head_row(id)->trampoline; }
 
 inline void run_callbacks(unsigned index, wsp_t* wsp, vorx_probe_data_t* d) { vorx_run_directory_callbacks(index, wsp, d); }
+inline void run_plain_record(unsigned index, wsp_t* wsp, vorx_probe_data_t* d) { vorx_run_plain_record(index, wsp, d); }
 inline bool has_callbacks(unsigned index) { return vorx_directory_has_callbacks(index) != 0; }
 inline bool plain_records(unsigned index) { return vorx_directory_plain_records(index) != 0; }
 inline bool records_only(unsigned pre_index, unsigned post_index) {
