@@ -538,10 +538,22 @@ WRAPPER = """extern "C" VORX_WRAPPER_EXPORT {ret} {name}({params}) {{
 }}"""
 
 
+# Leaves build their parameters straight in the probe data their record reads.
+WRAPPER_LEAF = """extern "C" VORX_WRAPPER_EXPORT {ret} {name}({params}) {{
+    // not started: straight on, with the arguments as they came
+    if (__builtin_expect(!vorx::glue::rtl_initialized(), 0))
+        return (({cname_t})vorx_probe_row({id}, {versions}, {mod}, {ver})->trampoline)({args});
+    vorx_probe_data_t d;
+    vorx_traits_{cname}::in(d) = vorx_traits_{cname}::params_t{{{init}}};
+    {ret_kw}vorx::wrap_leaf<vorx_traits_{cname}, {mod}, {ver}>(d);
+}}"""
+
+
 def wrapper(desc, fn, mod, ver, layout):
     name = wrapper_name(fn, mod, ver)
     args = ', '.join('__%s' % p.name for p in fn.params)
-    text = WRAPPER.format(ret=desc.spelling(fn.ret), name=name, params=c_params(fn), cname=fn.cname,
+    leaf = 'leaf' in fn.attrs and fn.kind != 'thin'
+    text = (WRAPPER_LEAF if leaf else WRAPPER).format(ret=desc.spelling(fn.ret), name=name, params=c_params(fn), cname=fn.cname,
                           cname_t='vorx_%s_call_t' % fn.cname, id='vorx_pi_%s' % fn.cname, versions=fn.versions,
                           mod=mod, ver=ver, args=args, ret_kw='return ' if fn.ret != 'void' else '',
                           init=', '.join([a for a in [args] if a] + (['{}'] if fn.ret != 'void' else [])),

@@ -664,10 +664,12 @@ template <class T>
 // while no stacks are taken): the thread enters, stamps the time, writes the record and leaves before the
 // original. The callbacks of plain records read the parameters, the time, the state and the unit's choice
 // alone, so none of the frame that waits, stacks and nesting need is set up. Anything else (another kind of
-// callback, a call nested in an original or in the collector) takes the full path.
+// callback, a call nested in an original or in the collector) takes the full path. The row's function builds
+// the parameters in `data` itself (wrap_leaf), so that they are not copied once more.
 template <class T>
-[[gnu::noinline]] typename T::result_t record_then_call(typename T::params_t& args, unsigned mod, unsigned ver) {
+[[gnu::noinline]] typename T::result_t record_then_call(vorx_probe_data_t& data, unsigned mod, unsigned ver) {
     static_assert(T::kind == kind::event, "only plain events are leaves");
+    typename T::params_t& args = T::in(data);
     const unsigned state = glue::conf_state();
     const unsigned pre_index = VORX_CALLBACK_INDEX(T::id, state, vorx_or_pre);
     if (!glue::records_only(pre_index, VORX_CALLBACK_INDEX(T::id, state, vorx_or_post)))
@@ -682,8 +684,6 @@ template <class T>
     if (entered == glue::enter_result::ok) {
         bool nested = old_level != level_application;
         if (!nested) {
-            vorx_probe_data_t data;
-            T::in(data) = args;
             data.next_wait = nullptr;
             data.locals.state = state;
             data.locals.to_aux_tmu = T::to_aux ? 1 : 0;
@@ -706,10 +706,27 @@ inline typename T::result_t wrap(typename T::params_t& args) {
     if constexpr (T::kind == kind::thin) {
         return thin_path<T, M, V>(args);
     } else if constexpr (T::leaf) {
-        return record_then_call<T>(args, M, V);
+        vorx_probe_data_t data;
+        T::in(data) = args;
+        if constexpr (std::is_void_v<typename T::result_t>) {
+            record_then_call<T>(data, M, V);
+        } else {
+            return args.__result = record_then_call<T>(data, M, V);
+        }
     } else {
         return measure<T>(args, M, V);
     }
+}
+
+// A row's function of a leaf: the parameters are built in the probe data that the record reads.
+template <class T, unsigned M, unsigned V>
+inline typename T::result_t wrap_leaf(vorx_probe_data_t& data) {
+    static_assert(T::leaf && T::kind != kind::thin, "wrap_leaf is the leaves' own path");
+    if (quick_path<T, M, V>(T::in(data))) {
+        if constexpr (!std::is_void_v<typename T::result_t>) return T::in(data).__result;
+        else return;
+    }
+    return record_then_call<T>(data, M, V);
 }
 
 }  // namespace vorx
