@@ -21,13 +21,17 @@ uint8_t g_plain_records[VORX_CALLBACK_ENTRIES];
 void note_linked_callbacks() {
   for (unsigned index = 0; index < VORX_CALLBACK_ENTRIES; ++index) {
     uint8_t any = 0, plain = 1;
+    unsigned tables = 0;
+    vorx_callback_t only = nullptr;
     for (const vorx_callback_table* table = g_vorx_callbacks_dir; table; table = table->next) {
       bool here = table->entries[index] != nullptr;
       any |= here;
       if (here && table != &g_vorx_tp_cbks) plain = 0;
+      if (here) ++tables, only = table->entries[index];
     }
     g_any_callback[index] = any;
     g_plain_records[index] = any & plain;
+    g_vorx_only_callback[index] = tables == 1 ? only : nullptr;
   }
 }
 
@@ -89,6 +93,8 @@ vorx_u32_t vorx_register_callbacks(vorx_callback_table* table, const vorx_u32_t*
   return 1;
 }
 
+vorx_callback_t g_vorx_only_callback[VORX_CALLBACK_ENTRIES];
+
 void vorx_run_directory_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data) {
   for (vorx_callback_table* table = g_vorx_callbacks_dir; table; table = table->next)
     if (vorx_callback_t callback = table->entries[index]) callback(wsp, data);
@@ -103,6 +109,7 @@ void vorx_unlink_callback_tables(void) {
   g_vorx_callbacks_dir = nullptr;
   memset(g_any_callback, 0, sizeof g_any_callback);
   memset(g_plain_records, 0, sizeof g_plain_records);
+  memset(g_vorx_only_callback, 0, sizeof g_vorx_only_callback);
   while (table) {
     vorx_callback_table* next = table->next;
     table->next = nullptr;

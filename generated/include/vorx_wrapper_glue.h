@@ -141,7 +141,7 @@ inline bool conf_has_cpu() { return vorx_conf_has_collection(g_vorx_conf, vorx_c
 
 inline void run_callbacks(unsigned index, wsp_t* wsp, vorx_probe_data_t* data) {
     VORX_ASSERT(index < VORX_CALLBACK_ENTRIES);
-    vorx_run_directory_callbacks(index, wsp, data);
+    vorx_run_callbacks(index, wsp, data);
 }
 inline bool has_callbacks(unsigned index) { return vorx_directory_has_callbacks(index) != 0; }
 // Where plain_records(index) holds: its one callback, called without the walk over the tables.

@@ -39,6 +39,16 @@ int vorx_directory_has_callbacks(uint32_t index);
 /* 1 when every callback at index is a record of the tp table, which reads nothing of the call but its
  * parameters, times, state and unit. */
 int vorx_directory_plain_records(uint32_t index);
+/* The callback at each index where exactly one table has one (most indexes: the tp table's record). */
+extern vorx_callback_t g_vorx_only_callback[VORX_CALLBACK_ENTRIES];
+/* vorx_run_directory_callbacks, with the one callback of an index called inline, without the walk. */
+static inline void vorx_run_callbacks(uint32_t index, void* wsp, vorx_probe_data_t* data) {
+  vorx_callback_t only = g_vorx_only_callback[index];
+  if (only)
+    only(wsp, data);
+  else
+    vorx_run_directory_callbacks(index, wsp, data);
+}
 /* Where vorx_directory_plain_records(index) holds: the one callback there, the tp table's. */
 static inline void vorx_run_plain_record(uint32_t index, void* wsp, vorx_probe_data_t* data) {
   g_vorx_tp_cbks.entries[index](wsp, data);

@@ -234,33 +234,32 @@ typedef struct vorx_tm_slot_mirror {
 extern __thread vorx_tm_slot_mirror_t vorx_t_tm_slot __attribute__((tls_model("initial-exec")));
 extern vorx_u32_t g_vorx_tm_slot_generation;
 
-/* enter, with the common case inline: a thread whose mirrored slot holds its descriptor, which is free, in
- * storage and in profiling. Everything else (no mirror, nested, caught, attaching, detached) is decided
- * by vorx_thread_manager_enter. */
+/* enter, with the common case inline: the descriptor is the caller's key or, for a first enter, the one
+ * that the thread's mirrored slot holds; it is free, in storage and in profiling. Everything else (no
+ * mirror, nested, caught, attaching, detached) is decided by vorx_thread_manager_enter. */
 static inline vorx_u32_t vorx_thread_manager_enter_quick(vorx_thr_mgr_t* m, vorx_ts_desc_t** key,
                                                          void** out_data) {
-  if (__builtin_expect(m != 0 && m->options.mirror_slots && *key == 0 &&
-                           m->state == vorx_thr_mgr_st_threads_enabled && vorx_t_tm_slot.mgr == m &&
-                           vorx_t_tm_slot.generation == __atomic_load_n(&g_vorx_tm_slot_generation,
-                                                                        __ATOMIC_ACQUIRE),
-                       1)) {
-    vorx_ts_desc_t* d = (vorx_ts_desc_t*)vorx_t_tm_slot.value;
-    vorx_s32_t previous = 0;
-    if ((uintptr_t)d >= vorx_ts_desc_ma_eof && d->l1.data.magic == VORX_TM_MAGIC &&
-        !d->l1.data.flags[vorx_ts_desc_fl_recursive] && d->l1.data.state == vorx_ts_st_in_profiling &&
-        __atomic_compare_exchange_n(&d->l1.data.owner, &previous, (vorx_s32_t)d->l1.data.tid, 0,
-                                    __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
-      /* Held: only the holder changes state and link, so what is read now stays true. */
-      if (d->l1.data.link.next != 0 && d->l1.data.state == vorx_ts_st_in_profiling) {
+  vorx_ts_desc_t* d = *key;
+  if (__builtin_expect(m == 0 || m->state != vorx_thr_mgr_st_threads_enabled, 0))
+    return vorx_thread_manager_enter(m, key, out_data);
+  if (!d && m->options.mirror_slots && vorx_t_tm_slot.mgr == m &&
+      vorx_t_tm_slot.generation == __atomic_load_n(&g_vorx_tm_slot_generation, __ATOMIC_ACQUIRE))
+    d = (vorx_ts_desc_t*)vorx_t_tm_slot.value;
+  vorx_s32_t previous = 0;
+  if ((uintptr_t)d >= vorx_ts_desc_ma_eof && d->l1.data.magic == VORX_TM_MAGIC &&
+      !d->l1.data.flags[vorx_ts_desc_fl_recursive] && d->l1.data.state == vorx_ts_st_in_profiling &&
+      __atomic_compare_exchange_n(&d->l1.data.owner, &previous, (vorx_s32_t)d->l1.data.tid, 0, __ATOMIC_ACQUIRE,
+                                  __ATOMIC_RELAXED)) {
+    /* Held: only the holder changes state and link, so what is read now stays true. */
+    if (__builtin_expect(d->l1.data.link.next != 0 && d->l1.data.state == vorx_ts_st_in_profiling, 1)) {
 #ifdef VORX_TM_HELGRIND
-        ANNOTATE_HAPPENS_AFTER(&d->l1.data.owner);
+      ANNOTATE_HAPPENS_AFTER(&d->l1.data.owner);
 #endif
-        *key = d;
-        *out_data = d->l1.data.tsd;
-        return vorx_thread_manager_op_err_ok;
-      }
-      __atomic_store_n(&d->l1.data.owner, 0, __ATOMIC_RELEASE);
+      *key = d;
+      *out_data = d->l1.data.tsd;
+      return vorx_thread_manager_op_err_ok;
     }
+    __atomic_store_n(&d->l1.data.owner, 0, __ATOMIC_RELEASE);
   }
   return vorx_thread_manager_enter(m, key, out_data);
 }
