@@ -21,13 +21,13 @@ join "$work/native" "$work/filtered" | join - "$work/recorded" |
   awk '{ printf "  %-22s %8.1f %8.1f (+%.1f) %8.1f (+%.1f)\n", $1, $2, $3, $3 - $2, $4, $4 - $2 }'
 
 # The CPU a record costs: task pairs under -c task, less the same run with no pair (start-up and end) and less
-# the pairs' own cost natively, over the records made (two a pair); user and system time apart, best of three.
+# the pairs' own cost natively, over the records made (two a pair); user and system time apart, best of five.
 # CPU time moves less than wall time on a shared machine; the system part is the writing of the records.
-pairs=2000000
+pairs=5000000
 tasks=$build/bench/runtime/vorx_bench_task_pairs
-cpu_of() {  # user and system seconds of a command, best (lowest sum) of three
+cpu_of() {  # user and system seconds of a command, best (lowest sum) of five
   local best="" line
-  for _ in 1 2 3; do
+  for _ in 1 2 3 4 5; do
     /usr/bin/time -o "$work/time" -f "%U %S" "$@" > /dev/null 2>&1
     line=$(tail -n 1 "$work/time")
     rm -rf "$work/r3"
