@@ -65,3 +65,8 @@ for round in 1 2 3 4 5; do
 done
 echo "pigz -p 2 on 16 MB: native ${native} ms, under vorx run -c threading,io ${traced} ms" \
      "(slowdown $(awk -v a="$native" -v b="$traced" 'BEGIN { printf "%.2fx", b / a }'))"
+
+# The same record counted in instructions, which a busy neighbour does not move.
+if command -v valgrind > /dev/null; then
+  bash "$(dirname "$0")/count_instructions.sh" "$build"
+fi

@@ -83,22 +83,20 @@ static inline uint8_t* vorx_cbk_open_room(vorx_cbk_record* r, vorx_tmu_t* unit, 
   return (uint8_t*)vorx_tmu_open_record(unit, size, &r->lease);
 }
 /* A type 7 record: the call's times, the thread, `id`, then the values. */
-static inline uint8_t* vorx_cbk_open_call_record(vorx_cbk_record* r, vorx_workspace* wsp,
-                                                 const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
-                                                 uint32_t tail_len) {
+static inline uint8_t* vorx_cbk_open_call_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
+                                                 vorx_tmu_t* unit, uint32_t id, uint32_t tail_len) {
   uint8_t* d = vorx_cbk_open_room(r, unit, VORX_CBK_CALL_HEAD_SIZE + tail_len);
-  if (!d) return d;
-  return d + tf_apiwrap_v1_put_head(d, VORX_CBK_DESCRIPTOR, wsp->thread, 0, data->locals.leave_time,
-                                    data->locals.enter_time, 0, id, tail_len);
+  return d ? d + tf_apiwrap_v1_put_head(d, VORX_CBK_DESCRIPTOR, wsp->thread, 0, data->locals.leave_time,
+                                        data->locals.enter_time, 0, id, tail_len)
+           : d;
 }
 /* A type 9 record: one time (enter_time), id | 0x80000000, then the values. */
-static inline uint8_t* vorx_cbk_open_point_record(vorx_cbk_record* r, vorx_workspace* wsp,
-                                                  const vorx_probe_data_t* data, vorx_tmu_t* unit, uint32_t id,
-                                                  uint32_t tail_len) {
+static inline uint8_t* vorx_cbk_open_point_record(vorx_cbk_record* r, vorx_workspace* wsp, const vorx_probe_data_t* data,
+                                                  vorx_tmu_t* unit, uint32_t id, uint32_t tail_len) {
   uint8_t* d = vorx_cbk_open_room(r, unit, VORX_CBK_POINT_HEAD_SIZE + tail_len);
-  if (!d) return d;
-  return d + tf_apiwrap_v2_put_head(d, VORX_CBK_DESCRIPTOR, wsp->thread, 0, data->locals.enter_time,
-                                    id | VORX_CBK_POINT_FLAG, tail_len);
+  return d ? d + tf_apiwrap_v2_put_head(d, VORX_CBK_DESCRIPTOR, wsp->thread, 0, data->locals.enter_time,
+                                        id | VORX_CBK_POINT_FLAG, tail_len)
+           : d;
 }
 /* The fatal end of a record that the unit refused. */
 void vorx_cbk_record_lost(const char* callback) __attribute__((noreturn));
