@@ -1,5 +1,6 @@
 // Cost of the thread manager on a wrapper's path: one enter/release pair of a
-// registered thread (key cached in the frame, or read from TLS), and one enter
+// registered thread (key cached in the frame, read from the thread library's
+// slot, or the wrappers' quick enter from the slot mirrored in TLS), and one enter
 // of a thread that the collector doesn't observe.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
@@ -15,10 +16,11 @@ namespace {
 struct Manager {
   vorx_thr_mgr_t* mgr = nullptr;
   pthread_key_t key{};
-  Manager() {
+  explicit Manager(bool mirror_slots = false) {
     pthread_key_create(&key, nullptr);
     vorx_thread_manager_options_t o{};
     o.key = key;
+    o.mirror_slots = mirror_slots ? 1 : 0;
     o.data_size = 128;
     o.cache_limit = 500;
     vorx_thread_manager_create(&mgr, 128, nullptr, nullptr, nullptr, &o);
@@ -59,6 +61,20 @@ void EnterReleaseFromSlot(benchmark::State& state) {
   }
 }
 BENCHMARK(EnterReleaseFromSlot);
+
+// The wrappers' own enter: inline, from the slot mirrored in static TLS.
+void QuickEnterReleaseMirroredSlot(benchmark::State& state) {
+  Manager m(/*mirror_slots=*/true);
+  vorx_thread_manager_register(m.mgr, tid(), nullptr);
+  void* data;
+  for (auto _ : state) {
+    vorx_ts_desc_t* key = nullptr;
+    vorx_u32_t r = vorx_thread_manager_enter_quick(m.mgr, &key, &data);
+    benchmark::DoNotOptimize(r);
+    vorx_thread_manager_release(m.mgr, key);
+  }
+}
+BENCHMARK(QuickEnterReleaseMirroredSlot);
 
 void EnterNestedAcquired(benchmark::State& state) {
   Manager m;
