@@ -75,14 +75,16 @@ TEST_F(Units, TwoBuffersSwitchAndKeepEachWritersOrder)
   expect_sequence(c, 2, 0, kThreeMiBOfRecords);
 }
 
-// Records built in place take their turn with copied ones, through spills; a record too big to be written
-// under the buffer lock is reserved and confirmed instead; a detached unit gives no room and drops nothing
-// that was written before.
+// Records built in place (through the inline open, whose common case writes into the active buffer and
+// which hands the rest to the unit) take their turn with copied ones, through spills; a record too big to be
+// written under the buffer lock is reserved and confirmed instead; a detached unit gives no room and drops
+// nothing that was written before.
 TEST_F(Units, RecordsBuiltInPlaceKeepTheirPlaceAcrossSpills)
 {
   std::string path = dir_.file("inplace.th");
   vorx_tmu_t *u = creator_->alloc(creator_, vorx_tmu_per_thread, path.c_str());
   ASSERT_NE(u, nullptr);
+  EXPECT_EQ(u->direct_open, 1) << "a working unit writes small records inline";
   std::uint64_t reserved = 0; // records that found the buffer full: written outside the lock
   for (std::uint64_t i = 0; i < kThreeMiBOfRecords; i++) {
     if (i % 2) {
@@ -90,7 +92,7 @@ TEST_F(Units, RecordsBuiltInPlaceKeepTheirPlaceAcrossSpills)
       continue;
     }
     vorx_tmu_lease_t lease;
-    void *dest = u->open_record(u, TF_CPU_SAMPLE_SIZE, &lease);
+    void *dest = vorx_tmu_open_record(u, TF_CPU_SAMPLE_SIZE, &lease);
     ASSERT_NE(dest, nullptr);
     reserved += lease.held_lock == nullptr;
     tf_cpu_sample_put(static_cast<std::uint8_t *>(dest), 1, 0, i, 1000, 7);
@@ -103,7 +105,7 @@ TEST_F(Units, RecordsBuiltInPlaceKeepTheirPlaceAcrossSpills)
   std::uint8_t head[32];
   std::uint32_t n = tf_cpuinfo_put_head(head, 1, 0, std::uint32_t(body.size()));
   vorx_tmu_lease_t lease;
-  auto *dest = static_cast<std::uint8_t *>(u->open_record(u, n + std::uint32_t(body.size()), &lease));
+  auto *dest = static_cast<std::uint8_t *>(vorx_tmu_open_record(u, n + std::uint32_t(body.size()), &lease));
   ASSERT_NE(dest, nullptr);
   EXPECT_EQ(lease.held_lock, nullptr);
   std::memcpy(dest, head, n);
@@ -114,7 +116,8 @@ TEST_F(Units, RecordsBuiltInPlaceKeepTheirPlaceAcrossSpills)
   EXPECT_EQ(u->spill(u), 1);
 
   creator_->detach(creator_, u);
-  EXPECT_EQ(u->open_record(u, TF_CPU_SAMPLE_SIZE, &lease), nullptr);
+  EXPECT_EQ(u->direct_open, 0) << "a detached unit's records go through its operations";
+  EXPECT_EQ(vorx_tmu_open_record(u, TF_CPU_SAMPLE_SIZE, &lease), nullptr);
   EXPECT_EQ(vorx_tmu_close_record(u, &lease), 1);
   creator_->discard_unit(creator_, u);
   Collected c = read_trace(path);
@@ -290,6 +293,7 @@ TEST_F(Units, RingKeepsTheLastSecondsAndSpillsOldestFirst)
   std::uint64_t before = vorx_tmu_memory_consumption();
   vorx_tmu_set_ring_buffer_duration(u, 1);
   vorx_tmu_set_mode(u, vorx_tmu_mode_ring);
+  EXPECT_EQ(u->direct_open, 0) << "a ring stamps its buffers' first records: no inline writes";
   EXPECT_EQ(vorx_tmu_memory_consumption(), before - (2u << 20)); // ring memory is outside the limit
   ASSERT_EQ(u->pool.buf_num, 2u);
 
