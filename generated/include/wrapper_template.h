@@ -67,7 +67,7 @@ struct frame_t {
     bool callbacks_due = false;   // the pre step ran, post callbacks may follow
     bool post_due = false;        // the directory holds callbacks after the call for this id and state
     bool cleanup_pushed = false;
-    int* errno_at = nullptr;      // the application's errno of this thread, looked up once per call
+    int* errno_at = glue::errno_location();  // the application's errno of this thread: every path reads it
     unsigned mod = 0, ver = 0;    // the row: module and version index
     unsigned char cleanup_buffer[glue::cleanup_buffer_size];
 
@@ -76,7 +76,6 @@ struct frame_t {
 
 template <class T>
 inline int& app_errno(frame_t<T>& f) {
-    if (!f.errno_at) f.errno_at = glue::errno_location();
     return *f.errno_at;
 }
 
