@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr uint32_t kCallDescriptor = VORX_CBK_DESCRIPTOR;
 constexpr uint32_t kHeadMax = 64;
 
 // Library objects of the annotation API start with a tag and then their id.
@@ -64,7 +63,7 @@ void vorx_cbk_put_call_record_with_list(vorx_workspace* wsp, const vorx_probe_da
   uint8_t head[kHeadMax + 16];
   VORX_ASSERT(prefix_len <= 16);
   uint32_t list_len = count * 4;
-  uint32_t head_len = tf_apiwrap_v1_put_head(head, kCallDescriptor, wsp->thread, 0, data->locals.leave_time,
+  uint32_t head_len = tf_apiwrap_v1_put_head(head, VORX_CBK_DESCRIPTOR, wsp->thread, 0, data->locals.leave_time,
                                              data->locals.enter_time, 0, id, prefix_len + list_len);
   memcpy(head + head_len, prefix, prefix_len);
   put_or_die(unit, head, head_len + prefix_len, reinterpret_cast<const uint8_t*>(list), list_len, callback);

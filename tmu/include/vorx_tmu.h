@@ -127,20 +127,27 @@ int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_
 /* Records up to this size are written in place under buffer_lock; bigger ones are reserved. */
 #define VORX_TMU_SMALL_RECORD 256u
 
+/* With buffer_lock held: room for a small record in the active buffer, the lease keeping the lock until
+ * vorx_tmu_close_record; NULL (the lock still held) when it does not fit. */
+static inline void *vorx_tmu_take_in_place(vorx_tmu_t *tmu, vorx_u32_t size, vorx_tmu_lease_t *lease)
+{
+  vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
+  if ((vorx_u32_t)(active->head + active->size - active->write_ptr) < size) return 0;
+  void *dest = active->write_ptr;
+  active->write_ptr += size;
+  lease->held_lock = &tmu->buffer_lock;
+  lease->buffer = 0;
+  lease->ok = 1;
+  return dest;
+}
+
 /* open_record, with the common case inline: a small record that fits the active buffer of a working
  * unit. Everything else (a switch, a spill, a ring, a unit that drops records) goes through the unit. */
 static inline void *vorx_tmu_open_record(vorx_tmu_t *tmu, vorx_u32_t size, vorx_tmu_lease_t *lease)
 {
   if (size <= VORX_TMU_SMALL_RECORD && __atomic_exchange_n(&tmu->buffer_lock, 1u, __ATOMIC_ACQUIRE) == 0) {
-    vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
-    if (tmu->direct_open && (vorx_u32_t)(active->head + active->size - active->write_ptr) >= size) {
-      void *dest = active->write_ptr;
-      active->write_ptr += size;
-      lease->held_lock = &tmu->buffer_lock;
-      lease->buffer = 0;
-      lease->ok = 1;
-      return dest;
-    }
+    void *dest = tmu->direct_open ? vorx_tmu_take_in_place(tmu, size, lease) : 0;
+    if (dest) return dest;
     __atomic_store_n(&tmu->buffer_lock, 0u, __ATOMIC_RELEASE);
   }
   return tmu->open_record(tmu, size, lease);

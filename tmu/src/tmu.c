@@ -335,24 +335,17 @@ static void tmu_confirm(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buff)
   __atomic_sub_fetch(&buff->pend_writes_cntr, 1, __ATOMIC_ACQ_REL);
 }
 
-/* Small records are written while the buffer lock is held: a few dozen bytes cost less than the two atomic
- * operations on pend_writes_cntr that let a writer work outside the lock. A spill takes the same lock, so
- * it never sees such a record half written. */
-enum { k_write_under_lock = VORX_TMU_SMALL_RECORD };
-
+/* Small records (VORX_TMU_SMALL_RECORD) are written while the buffer lock is held: a few dozen bytes cost
+ * less than the two atomic operations on pend_writes_cntr that let a writer work outside the lock. A spill
+ * takes the same lock, so it never sees such a record half written. */
 static void *tmu_open_record(vorx_tmu_t *tmu, vorx_u32_t size, vorx_tmu_lease_t *lease)
 {
-  if (size <= k_write_under_lock) {
+  if (size <= VORX_TMU_SMALL_RECORD) {
     unit_lock(&tmu->buffer_lock);
     vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
-    if (fits(active, size) && !(tmu->mode == vorx_tmu_mode_ring && buffer_empty(active))) {
-      void *dest = active->write_ptr;
-      active->write_ptr += size;
-      lease->held_lock = &tmu->buffer_lock;
-      lease->buffer = NULL;
-      lease->ok = 1;
-      return dest;
-    }
+    void *dest = tmu->mode == vorx_tmu_mode_ring && buffer_empty(active) ? NULL
+                                                                         : vorx_tmu_take_in_place(tmu, size, lease);
+    if (dest) return dest;
     unit_unlock(&tmu->buffer_lock); /* a spill, a switch or a ring's first record: the full path */
   }
   void *dest;
@@ -380,7 +373,7 @@ static int tmu_put_record(vorx_tmu_t *tmu, const void *head, vorx_u32_t head_siz
   vorx_u32_t size = head_size + tail_size;
   vorx_tmu_lease_t lease;
   vorx_u8_t *dest = tmu_open_record(tmu, size, &lease);
-  if (size <= k_write_under_lock) {
+  if (size <= VORX_TMU_SMALL_RECORD) {
     copy_small(copy_small(dest, head, head_size), tail, tail_size);
   } else {
     memcpy(dest, head, head_size);
