@@ -706,15 +706,8 @@ template <class T, unsigned M, unsigned V>
 inline typename T::result_t wrap(typename T::params_t& args) {
     if constexpr (T::kind == kind::thin) {
         return thin_path<T, M, V>(args);
-    } else if constexpr (T::leaf) {
-        vorx_probe_data_t data;
-        T::in(data) = args;
-        if constexpr (std::is_void_v<typename T::result_t>) {
-            record_then_call<T>(data, M, V);
-        } else {
-            return args.__result = record_then_call<T>(data, M, V);
-        }
     } else {
+        static_assert(!T::leaf, "the rows of leaves build their parameters in place and call wrap_leaf");
         return measure<T>(args, M, V);
     }
 }
