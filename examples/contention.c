@@ -11,22 +11,31 @@
 
 #ifdef VORX_EXAMPLE_ANNOTATE
 /* The program marks its own phases: each worker round is a task, and the file
- * round trip is a task of its own. Without the collector these are no-ops. */
+ * round trip is a task of its own; a counter follows the queue's depth. Without
+ * the collector these are no-ops. */
 #include "ozknotify.h"
 static ozk_domain *g_domain;
 static ozk_string_handle *g_round_name, *g_file_name;
+static ozk_counter *g_depth;
 #define ANNOTATE_INIT()                                           \
   do {                                                            \
     g_domain = __ozk_domain_create("example");                    \
     g_round_name = __ozk_string_handle_create("worker round");    \
     g_file_name = __ozk_string_handle_create("file round trip");  \
+    g_depth = __ozk_counter_create("queue depth", "example");     \
   } while (0)
 #define TASK_BEGIN(name) __ozk_task_begin(g_domain, ozk_null_id(), ozk_null_id(), (name))
 #define TASK_END() __ozk_task_end(g_domain)
+#define QUEUE_DEPTH(n)                           \
+  do {                                           \
+    unsigned long long depth_ = (n);             \
+    __ozk_counter_set_value(g_depth, &depth_);   \
+  } while (0)
 #else
 #define ANNOTATE_INIT() ((void)0)
 #define TASK_BEGIN(name) ((void)0)
 #define TASK_END() ((void)0)
+#define QUEUE_DEPTH(n) ((void)0)
 #endif
 
 enum { kWorkers = 4, kRoundsPerWorker = 200, kItems = 2000, kQueueSize = 16 };
@@ -62,6 +71,7 @@ static void queue_push(struct queue *q, int value) {
   pthread_mutex_lock(&q->lock);
   while (q->count == kQueueSize) pthread_cond_wait(&q->not_full, &q->lock);
   q->items[(q->head + q->count++) % kQueueSize] = value;
+  QUEUE_DEPTH(q->count);
   pthread_cond_signal(&q->not_empty);
   pthread_mutex_unlock(&q->lock);
 }
@@ -75,6 +85,7 @@ static int queue_pop(struct queue *q, int *value) {
     *value = q->items[q->head];
     q->head = (q->head + 1) % kQueueSize;
     q->count--;
+    QUEUE_DEPTH(q->count);
     pthread_cond_signal(&q->not_full);
   }
   pthread_mutex_unlock(&q->lock);

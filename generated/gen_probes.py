@@ -549,7 +549,24 @@ WRAPPER_LEAF = """extern "C" VORX_WRAPPER_EXPORT {ret} {name}({params}) {{
 }}"""
 
 
+# The annotation library announces its hand-over table from its constructor, before the runtime opens: the
+# wrapper hands the table over whenever it is called, and passes the collector's mask in place of the flags.
+WRAPPER_API_INIT = """extern "C" VORX_WRAPPER_EXPORT void {name}({params}) {{
+    (({cname_t})vorx_probe_row({id}, {versions}, {mod}, {ver})->trampoline)(__{table}, vorx::glue::api_handover(__{table}));
+}}"""
+
+
+def api_init_wrapper(desc, fn, mod, ver):
+    if fn.ret != 'void' or len(fn.params) != 2 or fn.params[0].size != 4 or not fn.params[0].spelling.endswith('*'):
+        raise DescError('%s: thin=api_init needs void (<table pointer>, <flags>)' % fn.name)
+    return WRAPPER_API_INIT.format(name=wrapper_name(fn, mod, ver), params=c_params(fn), cname_t='vorx_%s_call_t' % fn.cname,
+                                   id='vorx_pi_%s' % fn.cname, versions=fn.versions, mod=mod, ver=ver,
+                                   table=fn.params[0].name).split('\n')
+
+
 def wrapper(desc, fn, mod, ver, layout):
+    if fn.attrs.get('thin') == 'api_init':
+        return api_init_wrapper(desc, fn, mod, ver)
     name = wrapper_name(fn, mod, ver)
     args = ', '.join('__%s' % p.name for p in fn.params)
     leaf = 'leaf' in fn.attrs and fn.kind != 'thin'

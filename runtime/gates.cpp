@@ -10,6 +10,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "api_handover.h"
 #include "kel.h"
 #include "runtime_entries.h"
 #include "vorx_client.h"
@@ -274,6 +275,7 @@ extern "C" void vorx_on_probes_removed(void *) {
   g_instr_global.is_libdl_so_loaded = false;
   g_instr_global.exe_id = 0xFFFFFFFFu;
   g_instr_global.is_exe_initialized = false;
+  vorx_ozk_api_give_back();
   vorx_forget_resolved_rows();
   vorx_signal_detach_complete();
 }

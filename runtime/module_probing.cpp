@@ -14,6 +14,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "api_handover.h"
 #include "engine_callbacks.h"
 #include "kel.h"
 #include "module_map.h"
@@ -301,6 +302,24 @@ void probe_module(IMG img, const vorx_module_descriptor_t *descriptor) {
   }
 }
 
+// ------------------------------------------------------------------ handed-over functions
+
+// The entry of `id` in the descriptor named `module`, when the descriptor lists it and the id has rows.
+const vorx_probe_entry_t *listed_entry(const char *module, unsigned id, unsigned *mod) {
+  for (const vorx_module_descriptor_t *d = g_vorx_instrumented_modules; d->name != nullptr; ++d) {
+    if (strcmp(d->name, module) != 0) continue;
+    for (const vorx_probe_entry_t *entry = d->probes; entry != nullptr && entry->name != nullptr; ++entry) {
+      if (entry->id != id || entry->modules == 0) continue;
+      int index = module_index(*entry, d);
+      if (index < 0) return nullptr;
+      *mod = static_cast<unsigned>(index);
+      return entry;
+    }
+    return nullptr;
+  }
+  return nullptr;
+}
+
 // ------------------------------------------------------------------ gates
 
 // The dynamic section of a mapped image, found through its program headers.
@@ -437,6 +456,7 @@ void on_library_name(IMG img, const BaseName &name, vorx_start_data *data) {
   } else if (is_named(name, "libozknotify.so")) {
     remember_range(img, &g_vorx_ozknotify_range, "libozknotify start %llx, end %llx",
                    "More than one discontinuous executable ranges in libozknotify.so!");
+    vorx_ozk_api_retake();  // at attach: the table it handed over before a detach
   } else if (is_named(name, "libozknotify_collector.so")) {
     remember_range(img, &g_vorx_ozknotify_collector_range, "ozknotify_collector start %llx, end %llx",
                    "More than one discontinuous executable ranges in libozknotify_collector.so!");
@@ -591,6 +611,7 @@ extern "C" void vorx_on_module_unloading(IMG img, void *) {
   if (!base_name_of(img, &name)) return;
   if (is_named(name, "libozknotify.so")) {
     g_vorx_ozknotify_range = {0, 0};
+    vorx_ozk_api_forget();
   } else if (is_named(name, "libozknotify_collector.so")) {
     g_vorx_ozknotify_collector_range = {0, 0};
   } else if (is_named(name, "libvumat5.so")) {
@@ -620,4 +641,42 @@ extern "C" void vorx_reset_instrumented_modules(void) {
   g_vorx_ozknotify_collector_range = {0, 0};
   g_vorx_vumat_range = {0, 0};
   if (g_vorx_conf != nullptr) g_vorx_conf->opencl_selector = 0;
+}
+
+// A function that a library hands over as a pointer instead of exporting it (the annotation library's
+// table): the row of `module` takes the pointer as its original, as if probing had found it. A pointer that
+// is the row's wrapper already (the table handed over again, or taken again after a re-attach) leaves the
+// original the row has.
+extern "C" void *vorx_take_over_handed_function(unsigned id, const char *module, void *routine) {
+  unsigned mod = 0;
+  const vorx_probe_entry_t *entry = listed_entry(module, id, &mod);
+  if (entry == nullptr || routine == nullptr) return nullptr;
+  vorx_probe_t *row = vorx_probe_row(id, entry->versions, mod, 0);
+  void *answer = nullptr;
+  KEL_LockClient();
+  bool ours = row->probe != nullptr && routine == row->probe;
+  if (!ours) {
+    row->original = row->trampoline = routine;
+    row->is_dynamic = 0;
+  } else if (row->original == nullptr) {
+    row->original = row->trampoline;  // rows are forgotten at detach; the trampoline still is the library's
+  }
+  if (row->trampoline != nullptr) {
+    set_default_row(*entry, row, entry->name);
+    answer = active_probe(id) && row->probe != nullptr ? row->probe : row->trampoline;
+  }
+  KEL_UnlockClient();
+  VORX_LOG(vorx_log_level_trace, "%s() handed over by %s: o: 0x%lx, called: 0x%lx", entry->name, module,
+           (unsigned long)row->trampoline, (unsigned long)answer);
+  return answer;
+}
+
+// What the library should call again once the collector lets go: its own function, kept in the row.
+extern "C" void *vorx_give_back_handed_function(unsigned id, const char *module, void *routine) {
+  unsigned mod = 0;
+  const vorx_probe_entry_t *entry = listed_entry(module, id, &mod);
+  if (entry == nullptr) return routine;
+  const vorx_probe_t *row = vorx_probe_row(id, entry->versions, mod, 0);
+  bool ours = row->probe != nullptr && routine == row->probe;
+  return ours && row->trampoline != nullptr ? row->trampoline : routine;
 }

@@ -51,6 +51,7 @@ void vorx_stop_notification_service(void);
 void vorx_block_profiling_signal(void);
 void vorx_unblock_profiling_signal(void);
 const char* vorx_env_getenv(const char* name);
+int vorx_ozk_api_handover(void* api_table);
 }
 
 #define VORX_WRAPPER_ASSERT(cond) VORX_ASSERT(cond)
@@ -208,6 +209,7 @@ inline void stop_notification_service() { vorx_stop_notification_service(); }
 inline void block_profiling_signal() { vorx_block_profiling_signal(); }
 inline void unblock_profiling_signal() { vorx_unblock_profiling_signal(); }
 inline const char* env_getenv(const char* name) { return vorx_env_getenv(name); }
+inline int api_handover(void* api_table) { return vorx_ozk_api_handover(api_table); }
 
 inline bool socket_receive_timeout(int fd, struct timeval* tv) {
     socklen_t len = sizeof *tv;

@@ -27,7 +27,8 @@ namespace vorx {
 
 enum class kind { wait_retry, wait, event, heap, counted, replaced, thin, model, none, event_only };
 enum class wakes { none, sys, user };
-enum class thin { none, exit, system, getenv, syscall };
+// api_init: the generator writes that wrapper whole (it runs before the runtime opens, see gen_probes.py).
+enum class thin { none, exit, system, getenv, syscall, api_init };
 enum class usync { none, open, close };  // annotated waits on user objects
 enum class timeout { none, ms, ts, sockopt };
 

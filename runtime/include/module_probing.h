@@ -25,6 +25,13 @@ extern vorx_range_t g_vorx_vumat_range;
 // active or employed. A name starting with "ld-linux" selects "ld-linux".
 void vorx_probe_module_by_name(const char *name, size_t length, LEVEL_KELCLIENT::IMG img);
 
+// Functions that a library hands over as pointers rather than symbols (rows of a ".unk" module). Take-over
+// makes the pointer the row's original and answers what the library should call from now on: the row's
+// wrapper when the function is instrumented, else the function itself; null when the module has no row for
+// the id. Give-back answers the library's own function for a pointer that is the row's wrapper.
+void *vorx_take_over_handed_function(unsigned id, const char *module, void *routine);
+void *vorx_give_back_handed_function(unsigned id, const char *module, void *routine);
+
 // Clears `original` in every row before the end row, so that probing after a
 // reattach sees all of them unresolved (detach calls it once the probes are gone).
 void vorx_forget_resolved_rows(void);

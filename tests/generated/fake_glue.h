@@ -50,6 +50,8 @@ struct state_t {
     std::vector<void*> heap;               // blocks in the object table
     unsigned detaches = 0, stops = 0, profiling_blocks = 0;
     const char* private_env = nullptr;
+    void* handed_table = nullptr;          // what the __ozk_api_init wrapper handed over
+    int api_mask = 0;                      // and the mask it was answered
     unsigned global_locks = 0;
     void* sync_pushed = nullptr;
     bool waiter_found = false;
@@ -191,6 +193,10 @@ inline void stop_notification_service() { ++fake::st().stops; }
 inline void block_profiling_signal() { ++fake::st().profiling_blocks; }
 inline void unblock_profiling_signal() {}
 inline const char* env_getenv(const char*) { return fake::st().private_env; }
+inline int api_handover(void* api_table) {
+    fake::st().handed_table = api_table;
+    return fake::st().api_mask;
+}
 inline bool socket_receive_timeout(int, struct timeval* tv) {
     tv->tv_sec = 0;
     tv->tv_usec = 0;

@@ -27,6 +27,7 @@ int vorx_sigaction_mod1_ver0(int sig, const void* act, void* oact);
 void vorx___ozk_task_begin_mod0_ver1(void* domain, vorx_ozk_id_t taskid, vorx_ozk_id_t parentid, void* name);
 void vorx___ozk_task_end_overlapped_mod0_ver0(void* domain, vorx_ozk_id_t taskid);
 int vorx___ozk_event_create_mod0_ver0(const char* name, int namelen);
+void vorx___ozk_api_init_mod0_ver0(void* api_table, int init_type);
 }
 
 namespace {
@@ -326,6 +327,23 @@ TEST_F(Wrappers, ThinMembers) {
     EXPECT_STREQ(vorx_getenv_mod1_ver0("X"), "from-the-application");
     fake::st().private_env = "collector-view";
     EXPECT_STREQ(vorx_getenv_mod1_ver0("X"), "collector-view");
+}
+
+void* init_table = nullptr;
+int init_flags = -1;
+void fake_api_init(void* table, int flags) { init_table = table, init_flags = flags; }
+
+// The annotation library hands its table over from its constructor, before the runtime opens.
+TEST_F(Wrappers, ApiInitHandsTheTableOverAndPassesTheMaskAlsoBeforeStart) {
+    set_row(vorx_pi___ozk_api_init, 3, 0, 0, (void*)&fake_api_init);
+    int table = 0;
+    fake::st().rtl = false;
+    fake::st().api_mask = 0x100e;
+    vorx___ozk_api_init_mod0_ver0(&table, 0);
+    EXPECT_EQ(fake::st().handed_table, &table);
+    EXPECT_EQ(init_table, &table);
+    EXPECT_EQ(init_flags, 0x100e);
+    EXPECT_EQ(fake::st().enters, 0u);
 }
 
 int fake_socket(int, int, int) {

@@ -1,8 +1,9 @@
 /*
  * A program that describes its work with the annotation API, with times and values that a trace reader can
  * check: an outer task holding two inner tasks of known length, a loop of five frames, a counter set to known
- * values and a wait on a user synchronisation object. It prints what it did, so a run under the collector can
- * be compared with a run alone.
+ * values, a wait on a user synchronisation object, and the calls that the library makes through its hand-over
+ * table (an overlapped task, a counter by domain and name, a typed counter). It prints what it did, so a run
+ * under the collector can be compared with a run alone.
  */
 #include <stdio.h>
 #include <time.h>
@@ -14,6 +15,8 @@
 #define INNER_B_MS 60
 #define FRAME_MS 10
 #define GATE_WAIT_MS 20
+#define OVERLAP_MS 40
+#define TICKS 6
 
 static const unsigned long long counter_values[] = {7, 42, 1000, 3};
 
@@ -67,6 +70,20 @@ int main(void)
         unsigned long long value = counter_values[k];
         __ozk_counter_set_value(level, &value);
     }
+
+    /* reached through the library's hand-over table, not by symbol */
+    ozk_string_handle *overlap = __ozk_string_handle_create("overlap");
+    ozk_string_handle *ticks = __ozk_string_handle_create("e2e ticks");
+    const ozk_id overlap_id = ozk_make_id(4, 0x4444);
+    __ozk_task_begin_overlapped(domain, overlap_id, ozk_null_id(), overlap);
+    for (int t = 0; t < TICKS; ++t)
+        __ozk_counter_inc_v3(domain, ticks);
+    __ozk_counter_dec_v3(domain, ticks);
+    sleep_ms(OVERLAP_MS);
+    __ozk_task_end_overlapped(domain, overlap_id);
+    ozk_counter *depth = __ozk_counter_create_typed("e2e depth", "e2e.annotations", OZK_COUNTER_U32);
+    unsigned depth_value = 12;
+    __ozk_counter_set_value(depth, &depth_value);
 
     __ozk_sync_prepare((void *)&g_gate);
     spin_ms(GATE_WAIT_MS);

@@ -19,6 +19,7 @@ VORX = PROGRAM = None
 INNER_A_S, INNER_B_S, FRAME_S, GATE_WAIT_S = 0.030, 0.060, 0.010, 0.020
 FRAMES = 5
 COUNTER_VALUES = [7, 42, 1000, 3]
+TICKS, DEPTH_VALUE, OVERLAP_S = 6, 12, 0.040  # the hand-over table's calls
 TASK_IDS = {"outer": (0x0102030405060708, 0x1112131415161718), "inner a": (2, 0x2222), "inner b": (3, 0x3333)}
 # a loaded machine stretches sleeps, never shortens them; beyond this a time is not plausible
 SLACK_S = 2.0
@@ -80,7 +81,7 @@ class AnnotatedRun(unittest.TestCase):
         self.assertIsNone(self.report_error)
         rows = {(r["kind"], r["name"]): r for r in self.tables.get("tasks_and_frames", [])}
         self.assertEqual(sorted(rows), [("frame", "e2e loop"), ("task", "inner a"), ("task", "inner b"),
-                                        ("task", "outer")], rows)
+                                        ("task", "outer"), ("task", "overlap")], rows)
         for name in ("outer", "inner a", "inner b"):
             self.assertEqual(rows[("task", name)]["count"], "1", name)
         self.assertPlausible(float(rows[("task", "inner a")]["total_s"]), INNER_A_S, "inner a")
@@ -89,9 +90,6 @@ class AnnotatedRun(unittest.TestCase):
         self.assertEqual(rows[("frame", "e2e loop")]["count"], str(FRAMES))
         self.assertPlausible(float(rows[("frame", "e2e loop")]["total_s"]), FRAMES * FRAME_S, "frames")
 
-    # The counter calls belong to no collection yet: nothing probes them, so the trace holds no counter.
-    # Remove the marker when a collection turns them on (an unexpected success fails the run).
-    @unittest.expectedFailure
     def test_counter_holds_the_values_set(self):
         self.assertIsNone(self.report_error)
         rows = [r for r in self.tables.get("counters", []) if r.get("counter", "").endswith("e2e level")]
@@ -101,6 +99,26 @@ class AnnotatedRun(unittest.TestCase):
         self.assertEqual(int(row["last"]), COUNTER_VALUES[-1])
         self.assertEqual(int(row["min"]), min(COUNTER_VALUES))
         self.assertEqual(int(row["max"]), max(COUNTER_VALUES))
+
+    # The library calls these through the table that it hands over at its start, not through probed symbols.
+    def test_counters_of_the_hand_over_table(self):
+        self.assertIsNone(self.report_error)
+        counters = self.tables.get("counters", [])
+        ticks = [r for r in counters if r.get("counter", "").endswith("e2e ticks")]
+        self.assertEqual(len(ticks), 1, self.tables.get("counters"))
+        self.assertEqual(int(ticks[0]["updates"]), TICKS + 1)
+        self.assertEqual(int(ticks[0]["last"]), TICKS - 1)
+        self.assertEqual(int(ticks[0]["max"]), TICKS)
+        depth = [r for r in counters if r.get("counter", "").endswith("e2e depth")]
+        self.assertEqual(len(depth), 1, self.tables.get("counters"))
+        self.assertEqual(int(depth[0]["last"]), DEPTH_VALUE)
+
+    def test_overlapped_task_of_the_hand_over_table(self):
+        self.assertIsNone(self.report_error)
+        rows = [r for r in self.tables.get("tasks_and_frames", []) if r["name"] == "overlap"]
+        self.assertEqual(len(rows), 1, self.tables.get("tasks_and_frames"))
+        self.assertEqual(rows[0]["count"], "1")
+        self.assertPlausible(float(rows[0]["total_s"]), OVERLAP_S, "overlapped task")
 
     def test_wait_on_the_user_sync_object(self):
         self.assertIsNone(self.report_error)
@@ -124,7 +142,7 @@ class AnnotatedRun(unittest.TestCase):
     def test_chrome_trace_nests_the_tasks(self):
         self.assertIsNone(self.chrome_error)
         tasks = {e["name"]: e for e in self.events if e.get("cat") == "task"}
-        self.assertEqual(sorted(tasks), ["inner a", "inner b", "outer"])
+        self.assertEqual(sorted(tasks), ["inner a", "inner b", "outer", "overlap"])
         outer, a, b = tasks["outer"], tasks["inner a"], tasks["inner b"]
         self.assertEqual({outer["tid"], a["tid"], b["tid"]}, {outer["tid"]}, "one thread")
         end = lambda e: e["ts"] + e["dur"]
@@ -133,6 +151,12 @@ class AnnotatedRun(unittest.TestCase):
         self.assertLessEqual(end(b), end(outer))
         self.assertPlausible(a["dur"] / 1e6, INNER_A_S, "inner a")
         self.assertPlausible(b["dur"] / 1e6, INNER_B_S, "inner b")
+
+    def test_chrome_trace_has_a_counter_track_with_the_values_set(self):
+        self.assertIsNone(self.chrome_error)
+        points = sorted((e for e in self.events if e.get("ph") == "C" and e["name"].endswith("e2e level")),
+                        key=lambda e: e["ts"])
+        self.assertEqual([p["args"]["value"] for p in points], COUNTER_VALUES)
 
     def test_chrome_trace_has_the_frames_in_order(self):
         self.assertIsNone(self.chrome_error)

@@ -121,6 +121,7 @@ inline void stop_notification_service() {}
 inline void block_profiling_signal() {}
 inline void unblock_profiling_signal() {}
 inline const char* env_getenv(const char*) { return nullptr; }
+inline int api_handover(void*) { return 0; }
 inline bool socket_receive_timeout(int, struct timeval*) { return false; }
 inline void set_socket_receive_timeout(int, const struct timeval*) {}
 inline void trace(const char*) {}

@@ -17,6 +17,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "ozknotify_api_table.h"
+
 extern "C" {
 __attribute__((noinline, used, visibility("default"))) int probing_tool_query(const char *question, char *answer,
                                                                              int size) {
@@ -272,6 +274,76 @@ TEST(ModuleEvents, HelperLibraryRangeAndModuleFollowLoadAndUnload) {
 
 // Run with the tool's -init_type 2 -replay 1: no start-up gate, and every image
 // event handed over twice (the second must change nothing).
+// ---- the annotation library's hand-over table
+
+int g_inc_calls = 0;
+void library_inc(const void *, const void *) { ++g_inc_calls; }
+void library_dec(const void *, const void *) {}
+void library_other(void) {}
+
+// A table as the annotation library lays it out; static, because the tool remembers it for a re-attach.
+ozk_api_table_entry g_slots[3];
+ozk_api_table g_table;
+
+void lay_out_table() {
+  g_slots[0] = {"__ozk_counter_inc_v3", reinterpret_cast<void *>(&library_inc)};  // active, with a wrapper
+  g_slots[1] = {"__ozk_counter_dec_v3", reinterpret_cast<void *>(&library_dec)};  // not active
+  g_slots[2] = {"no_such_function", reinterpret_cast<void *>(&library_other)};   // no row at all
+  g_table = {OZK_API_TABLE_MAGIC, OZK_API_TABLE_VERSION, sizeof g_table, 0, 3, g_slots, 0};
+}
+
+void call_inc_slot() { reinterpret_cast<void (*)(const void *, const void *)>(g_slots[0].fn)(nullptr, nullptr); }
+
+TEST(HandOver, ActiveSlotsCallTheWrapperWhichCallsTheLibrary) {
+  lay_out_table();
+  EXPECT_EQ(ask("handover %lx", (unsigned long)&g_table), "e");
+  EXPECT_NE(g_slots[0].fn, reinterpret_cast<void *>(&library_inc));
+  EXPECT_EQ(g_slots[1].fn, reinterpret_cast<void *>(&library_dec));
+  EXPECT_EQ(g_slots[2].fn, reinterpret_cast<void *>(&library_other));
+  EXPECT_EQ(row("__ozk_counter_dec_v3", "unknown.unk", 0).original, (uintptr_t)&library_dec);
+  EXPECT_EQ(head("__ozk_counter_inc_v3").original, (uintptr_t)&library_inc);
+
+  call_inc_slot();
+  EXPECT_EQ(g_inc_calls, 1);
+  EXPECT_EQ(hits("__ozk_counter_inc_v3", "unknown.unk", 0), 1);
+
+  // handed over again, the slot holds the wrapper already: the library's function stays the original
+  ask("handover %lx", (unsigned long)&g_table);
+  call_inc_slot();
+  EXPECT_EQ(g_inc_calls, 2);
+  EXPECT_EQ(hits("__ozk_counter_inc_v3", "unknown.unk", 0), 2);
+
+  // detach gives the library's functions back, attach takes them again
+  ask("give back");
+  EXPECT_EQ(g_slots[0].fn, reinterpret_cast<void *>(&library_inc));
+  EXPECT_EQ(g_slots[1].fn, reinterpret_cast<void *>(&library_dec));
+  ask("retake");
+  call_inc_slot();
+  EXPECT_EQ(g_inc_calls, 3);
+  EXPECT_EQ(hits("__ozk_counter_inc_v3", "unknown.unk", 0), 3);
+  ask("give back");
+  ask("forget");
+}
+
+TEST(HandOver, TableOfAnotherFormIsLeftAlone) {
+  lay_out_table();
+  g_table.magic = 0;
+  EXPECT_EQ(ask("handover %lx", (unsigned long)&g_table), "e");
+  EXPECT_EQ(ask("handover 0"), "e");
+  EXPECT_EQ(g_slots[0].fn, reinterpret_cast<void *>(&library_inc));
+}
+
+// What the library is told of the collection: 0xE always, and one bit for each kind of annotation collected.
+TEST(HandOver, MaskFollowsTheCollections) {
+  EXPECT_EQ(ask("mask"), "e");
+  EXPECT_EQ(ask("mask threading"), "e");  // user sync objects need user_sync as well
+  EXPECT_EQ(ask("mask threading user_sync"), "1e");
+  EXPECT_EQ(ask("mask waiting user_sync"), "1e");
+  EXPECT_EQ(ask("mask task"), "100e");
+  EXPECT_EQ(ask("mask frame"), "120e");
+  EXPECT_EQ(ask("mask stitching"), "40e");
+}
+
 TEST(AttachMode, NoGateIsSetAndRepeatedEventsChangeNoRow) {
   EXPECT_THAT(ask("events"), Not(HasSubstr("gate")));
   EXPECT_THAT(ask("reports"), Not(HasSubstr("value='_init'")));

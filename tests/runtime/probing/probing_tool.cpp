@@ -14,6 +14,7 @@
 #include <string>
 #include <utility>
 
+#include "api_handover.h"
 #include "engine_callbacks.h"
 #include "kel.h"
 #include "module_map.h"
@@ -133,8 +134,9 @@ struct Counted<Id, R(A...)> {
 void activate(unsigned id) { vorx_bitmap_raise(g_vorx_conf->active_probes, id); }
 
 // Active with wrappers: the lock, the two versions of the condition wait, free
-// and its alias cfree, getenv, and getw (which the test program defines itself
-// in three bytes, too short for a probe). Everything else is off, so employed
+// and its alias cfree, getenv, getw (which the test program defines itself
+// in three bytes, too short for a probe), and one function of the annotation
+// library's hand-over table. Everything else is off, so employed
 // functions such as pthread_mutex_trylock are only looked up.
 void set_up_configuration() {
   vorx_configuration *conf = vorx_alloc_configuration();
@@ -146,8 +148,9 @@ void set_up_configuration() {
   Counted<vorx_pi_cfree, void(void *)>::install();
   Counted<vorx_pi_getenv, char *(const char *)>::install();
   Counted<vorx_pi_getw, int(void *)>::install();
+  Counted<vorx_pi___ozk_counter_inc_v3, void(const void *, const void *)>::install();
   for (unsigned id : {vorx_pi_pthread_mutex_lock, vorx_pi_pthread_cond_wait, vorx_pi_free, vorx_pi_cfree,
-                      vorx_pi_getenv, vorx_pi_getw})
+                      vorx_pi_getenv, vorx_pi_getw, vorx_pi___ozk_counter_inc_v3})
     activate(id);
 }
 
@@ -209,6 +212,22 @@ void found_module(const char *name, uint64_t, uint8_t, void *data, vorx_module_m
   snprintf(static_cast<char *>(data), 256, "%s", name);
 }
 
+// The hand-over mask of a configuration with the named collections (blank-separated); the word "stitching"
+// turns stack stitching on.
+unsigned mask_for(const char *words) {
+  vorx_configuration *conf = vorx_alloc_configuration();
+  char copy[128];
+  snprintf(copy, sizeof copy, "%s", words);
+  char *rest = nullptr;
+  for (char *word = strtok_r(copy, " ", &rest); word != nullptr; word = strtok_r(nullptr, " ", &rest)) {
+    if (strcmp(word, "stitching") == 0) conf->stack_stitching_mode = 0;
+    else vorx_conf_add_collection(conf, vorx_string_to_collection(word));
+  }
+  unsigned mask = static_cast<unsigned>(vorx_ozk_api_init_mask(conf));
+  vorx_free_configuration(conf);
+  return mask;
+}
+
 int answer(const char *question, char *out, int size) {
   char fn[96] = "", module[96] = "";
   unsigned ver = 0, index = 0;
@@ -243,6 +262,21 @@ int answer(const char *question, char *out, int size) {
     append(g_events, sizeof g_events, "%s;", question + 5);
     return 0;
   }
+  if (sscanf(question, "handover %lx", &address) == 1)
+    return snprintf(out, size, "%x", vorx_ozk_api_handover(reinterpret_cast<void *>(address)));
+  if (strcmp(question, "give back") == 0) {
+    vorx_ozk_api_give_back();
+    return 0;
+  }
+  if (strcmp(question, "retake") == 0) {
+    vorx_ozk_api_retake();
+    return 0;
+  }
+  if (strcmp(question, "forget") == 0) {
+    vorx_ozk_api_forget();
+    return 0;
+  }
+  if (strncmp(question, "mask", 4) == 0) return snprintf(out, size, "%x", mask_for(question + 4));
   if (strcmp(question, "replays") == 0)
     return snprintf(out, size, "replayed=%d changed=%d", g_replayed, g_changed_rows);
   if (strcmp(question, "events") == 0) return snprintf(out, size, "%s", g_events);
