@@ -343,6 +343,21 @@ void nest_slices(std::vector<Slice> &slices)
   }
 }
 
+// Objects that the program did not name get the name of the data symbol that holds them (each
+// object looked up once).
+void ActivityTracker::name_objects_by_symbol()
+{
+  for (auto &[key, t] : threads_) {
+    auto modules = modules_.find(key.first);
+    if (modules == modules_.end()) continue;
+    auto &names = processes_[key.first].sync_names;
+    for (const Slice &s : t.slices) {
+      if (!s.object || names.count(*s.object)) continue;
+      names.emplace(*s.object, modules->second.name_of(*s.object));
+    }
+  }
+}
+
 void ActivityTracker::finish()
 {
   // Whatever is still open ends with the last time its thread was seen.
@@ -359,6 +374,7 @@ void ActivityTracker::finish()
     resolve_names(key.first, t);
     nest_slices(t.slices);
   }
+  name_objects_by_symbol();
   for (auto &[pid, ops] : counter_ops_) {
     ProcessTrack &p = processes_[pid];
     std::stable_sort(ops.begin(), ops.end(), [](const CounterOp &a, const CounterOp &b) { return a.time < b.time; });

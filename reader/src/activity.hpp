@@ -5,6 +5,7 @@
 #pragma once
 
 #include "api_roles.hpp"
+#include "object_symbols.hpp"
 #include "record_decoder.hpp"
 
 #include <cstdint>
@@ -59,7 +60,8 @@ struct ThreadTrack {
 struct ProcessTrack {
   std::string name;
   std::map<std::uint32_t, std::string> frame_names, event_names, domain_names, string_names;
-  std::map<std::uint64_t, std::string> sync_names; // user synchronisation objects by address
+  // Synchronisation objects by address: what the program named, else the symbol that holds the object.
+  std::map<std::uint64_t, std::string> sync_names;
   struct CounterName {
     std::string name, domain;
   };
@@ -73,6 +75,10 @@ public:
   void on_record(std::uint32_t pid, const Record &r);
   void name_process(std::uint32_t pid, std::string name) { processes_[pid].name = std::move(name); }
   void name_thread(std::uint32_t pid, std::uint32_t tid, std::string name) { threads_[{pid, tid}].name = std::move(name); }
+  // A module's code mapped at [start, end): what names the objects in its data.
+  void add_module(std::uint32_t pid, std::uint64_t start, std::uint64_t end, std::string path) {
+    modules_[pid].add_module(start, end, std::move(path));
+  }
   // End of input: closes open slices, sorts and nests, resolves names, evaluates counters.
   void finish();
 
@@ -105,6 +111,7 @@ private:
   void close_slice(std::uint32_t pid, std::uint32_t tid, std::uint64_t t, SliceKind kind, std::optional<std::uint64_t> key);
   void counter_op(std::uint32_t pid, std::uint64_t t, std::uint64_t counter, double value, bool set);
   void resolve_names(std::uint32_t pid, ThreadTrack &t);
+  void name_objects_by_symbol();
   // One copy of each name, however many slices carry it; function names are the generated
   // tables' own and need none.
   std::string_view intern(std::string name) { return *names_.insert(std::move(name)).first; }
@@ -115,6 +122,7 @@ private:
   std::map<std::uint32_t, ProcessTrack> processes_;
   std::map<ThreadKey, std::vector<Open>> open_;
   std::map<std::uint32_t, std::vector<CounterOp>> counter_ops_;
+  std::map<std::uint32_t, ModuleSymbols> modules_;
 };
 
 // Sorts one thread's slices by begin (longer first on ties) and gives each its depth and

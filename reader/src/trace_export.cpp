@@ -92,7 +92,8 @@ std::string metadata(const char *what, std::uint32_t pid, std::uint32_t tid, con
   return e + "}}";
 }
 
-std::string complete(const Slice &s, const ExportClock &clock)
+// object_names: the process's names of synchronisation objects (null: none known).
+std::string complete(const Slice &s, const ExportClock &clock, const std::map<std::uint64_t, std::string> *object_names)
 {
   std::string e = "{\"name\":";
   json_string(e, s.name);
@@ -105,6 +106,12 @@ std::string complete(const Slice &s, const ExportClock &clock)
     char hex[24];
     std::snprintf(hex, sizeof hex, "\"0x%" PRIx64 "\"", *s.object);
     arg("object", hex);
+    if (object_names)
+      if (auto name = object_names->find(*s.object); name != object_names->end() && !name->second.empty()) {
+        std::string text;
+        json_string(text, name->second);
+        arg("object_name", text);
+      }
   }
   // Viewers that aggregate (speedscope) take the arguments as part of the name: only what
   // should tell calls apart goes here. Byte counts differ from call to call; the summary has them.
@@ -143,8 +150,11 @@ void write_chrome_trace(std::ostream &out, const ActivityTracker &activity, cons
   }
   for (const auto &[pid, p] : activity.processes())
     if (!named[pid]) events.add(metadata("process_name", pid, 0, plain_process_name(pid, activity)));
-  for (const auto &[key, t] : activity.threads())
-    for (const Slice &s : t.slices) events.add(complete(s, clock));
+  for (const auto &[key, t] : activity.threads()) {
+    auto process = activity.processes().find(key.first);
+    const auto *object_names = process != activity.processes().end() ? &process->second.sync_names : nullptr;
+    for (const Slice &s : t.slices) events.add(complete(s, clock, object_names));
+  }
   for (const auto &[pid, p] : activity.processes())
     for (const auto &[id, c] : p.counters)
       for (const CounterPoint &point : c.points) events.add(counter(pid, c.name, point, clock));

@@ -173,6 +173,9 @@ void TraceParser::track(const Record &r)
     }
     return;
   }
+  if (n == "module_map" || n == "module_map_untimed")
+    if (const Field *path = r.find("name"))
+      activity_.add_module(file_pid(), num_or(r, "start", 0), num_or(r, "end", 0), text_of(path));
   activity_.on_record(file_pid(), r);
   const Field *tid = r.find("tid");
   if (!tid || tid->kind != Field::Kind::Num) return;

@@ -197,6 +197,8 @@ class LockWaits(Traced):
 
         mutex_rows = [row for row in on(contended.group(1)) if row["function"] == "pthread_mutex_lock"]
         self.assertTrue(mutex_rows, rows)
+        # the program's static mutex, named from the program's own symbol table
+        self.assertEqual({row["object_name"] for row in mutex_rows}, {"contended"}, mutex_rows)
         total = sum(float(row["total_s"]) for row in mutex_rows)
         count = sum(int(row["count"]) for row in mutex_rows)
         # Every round where the taker came while the holder slept is a contended wait; a round where a

@@ -1,0 +1,147 @@
+#include "object_symbols.hpp"
+
+#include <elf.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <span>
+
+namespace vorx::report {
+namespace {
+
+constexpr std::uint64_t kPage = 0x1000;
+// Module files larger than this are not read for names (a debug build of a large library).
+constexpr std::uint64_t kLargestFile = std::uint64_t(1) << 28;
+
+std::vector<unsigned char> read_file(const std::string &path)
+{
+  // Only plain files: a trace's path may name a pipe or a device now.
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error)) return {};
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  if (!in) return {};
+  std::streamoff size = in.tellg();
+  if (size <= 0 || std::uint64_t(size) > kLargestFile) return {};
+  std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
+  in.seekg(0);
+  if (!in.read(reinterpret_cast<char *>(bytes.data()), size)) return {};
+  return bytes;
+}
+
+// A table of count entries of T at offset, when it lies inside the file.
+template <class T>
+std::span<const T> table_at(std::span<const unsigned char> file, std::uint64_t offset, std::uint64_t count)
+{
+  if (offset > file.size() || count > (file.size() - offset) / sizeof(T)) return {};
+  return {reinterpret_cast<const T *>(file.data() + offset), static_cast<std::size_t>(count)};
+}
+
+template <class Ehdr, class Phdr, class Shdr, class Sym, unsigned char (*Type)(unsigned char)>
+std::unique_ptr<ElfObjects> read_class(std::span<const unsigned char> file)
+{
+  if (file.size() < sizeof(Ehdr)) return nullptr;
+  Ehdr eh;
+  std::memcpy(&eh, file.data(), sizeof eh);
+  auto out = std::make_unique<ElfObjects>();
+  bool any_load = false;
+  for (const Phdr &ph : table_at<Phdr>(file, eh.e_phoff, eh.e_phnum)) {
+    if (ph.p_type != PT_LOAD) continue;
+    out->low = any_load ? std::min<std::uint64_t>(out->low, ph.p_vaddr) : ph.p_vaddr;
+    out->high = std::max<std::uint64_t>(out->high, std::uint64_t(ph.p_vaddr) + ph.p_memsz);
+    any_load = true;
+    if ((ph.p_flags & PF_X) && out->exec_memsz == 0) out->exec_vaddr = ph.p_vaddr, out->exec_memsz = ph.p_memsz;
+  }
+  if (!any_load || out->exec_memsz == 0) return nullptr;
+  auto sections = table_at<Shdr>(file, eh.e_shoff, eh.e_shnum);
+  // The full symbol table where the file kept it, else the dynamic one.
+  const Shdr *symtab = nullptr;
+  for (const Shdr &sh : sections)
+    if (sh.sh_type == SHT_SYMTAB || (sh.sh_type == SHT_DYNSYM && !symtab)) symtab = &sh;
+  if (!symtab || symtab->sh_link >= sections.size()) return out;
+  const Shdr &strtab = sections[symtab->sh_link];
+  auto strings = table_at<char>(file, strtab.sh_offset, strtab.sh_size);
+  for (const Sym &s : table_at<Sym>(file, symtab->sh_offset, symtab->sh_size / sizeof(Sym))) {
+    unsigned type = Type(s.st_info);
+    if ((type != STT_OBJECT && type != STT_COMMON) || s.st_shndx == SHN_UNDEF || s.st_size == 0) continue;
+    if (s.st_name >= strings.size()) continue;
+    const char *name = strings.data() + s.st_name;
+    std::size_t length = strnlen(name, strings.size() - s.st_name);
+    if (length == 0) continue;
+    out->symbols.push_back({s.st_value, s.st_size, std::string(name, length)});
+  }
+  std::sort(out->symbols.begin(), out->symbols.end(),
+            [](const auto &a, const auto &b) { return a.value < b.value || (a.value == b.value && a.name < b.name); });
+  return out;
+}
+
+unsigned char type32(unsigned char info) { return ELF32_ST_TYPE(info); }
+unsigned char type64(unsigned char info) { return ELF64_ST_TYPE(info); }
+
+} // namespace
+
+std::string ElfObjects::name_at(std::uint64_t address) const
+{
+  auto after = std::upper_bound(symbols.begin(), symbols.end(), address,
+                                [](std::uint64_t a, const Symbol &s) { return a < s.value; });
+  // The closest symbols at or below the address; the first of them that holds it.
+  for (auto it = after; it != symbols.begin();) {
+    --it;
+    if (address - it->value < it->size)
+      return address == it->value ? it->name : it->name + "+" + std::to_string(address - it->value);
+    if (address - it->value > (std::uint64_t(1) << 24)) break; // nothing that large lies further down
+  }
+  return {};
+}
+
+std::unique_ptr<ElfObjects> read_elf_objects(const std::string &path)
+{
+  std::vector<unsigned char> bytes = read_file(path);
+  if (bytes.size() < EI_NIDENT || std::memcmp(bytes.data(), ELFMAG, SELFMAG) != 0) return nullptr;
+  if (bytes[EI_DATA] != ELFDATA2LSB) return nullptr;
+  if (bytes[EI_CLASS] == ELFCLASS32) return read_class<Elf32_Ehdr, Elf32_Phdr, Elf32_Shdr, Elf32_Sym, type32>(bytes);
+  if (bytes[EI_CLASS] == ELFCLASS64) return read_class<Elf64_Ehdr, Elf64_Phdr, Elf64_Shdr, Elf64_Sym, type64>(bytes);
+  return nullptr;
+}
+
+void ModuleSymbols::add_module(std::uint64_t start, std::uint64_t end, std::string path)
+{
+  if (path.empty() || end <= start) return;
+  Module &m = modules_[start];
+  if (m.path == path && m.end == end) return;
+  m = Module{start, end, std::move(path)};
+}
+
+const ModuleSymbols::Module *ModuleSymbols::load(Module &m)
+{
+  if (m.read) return m.objects ? &m : nullptr;
+  m.read = true;
+  auto cached = files_.find(m.path);
+  if (cached == files_.end()) cached = files_.emplace(m.path, read_elf_objects(m.path)).first;
+  const ElfObjects *elf = cached->second.get();
+  if (!elf) return nullptr;
+  // The code range the trace saw must be the file's executable segment, page by page; another
+  // file now at that path would give wrong names.
+  std::uint64_t first = elf->exec_vaddr & ~(kPage - 1);
+  std::uint64_t last = (elf->exec_vaddr + elf->exec_memsz + kPage - 1) & ~(kPage - 1);
+  if (last - first != m.end - m.start) return nullptr;
+  m.bias = m.start - first;
+  m.objects = cached->second;
+  return &m;
+}
+
+std::string ModuleSymbols::name_of(std::uint64_t address)
+{
+  // A module's data lies above its code and below the next module's code.
+  auto above = modules_.upper_bound(address);
+  if (above == modules_.begin()) return {};
+  const Module *m = load(std::prev(above)->second);
+  if (!m) return {};
+  std::uint64_t linked = address - m->bias;
+  if (linked < m->objects->low || linked >= m->objects->high) return {};
+  return m->objects->name_at(linked);
+}
+
+} // namespace vorx::report

@@ -1,0 +1,54 @@
+// Names of addresses in the data of the modules a process had mapped, from the modules' own symbol
+// tables: a global lock or condition variable reads as "g_queue+24" instead of 0x566540d8. The trace
+// tells where each module's code was (its module map records); the module file is opened only when an
+// address near it needs a name, and a file that no longer matches that code range names nothing.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vorx::report {
+
+// The data symbols of one ELF file, at their link-time addresses.
+struct ElfObjects {
+  struct Symbol {
+    std::uint64_t value = 0, size = 0;
+    std::string name;
+  };
+  std::uint64_t exec_vaddr = 0, exec_memsz = 0; // the executable load segment
+  std::uint64_t low = 0, high = 0;              // what the load segments span
+  std::vector<Symbol> symbols;                  // sorted by value, each with a size
+
+  // "name" or "name+offset" for a link-time address inside a symbol; "" otherwise.
+  std::string name_at(std::uint64_t address) const;
+};
+
+// Reads an ELF file of either class (the modules of a 32-bit process, read by a reader of any
+// width); null when it is no ELF file or cannot be read.
+std::unique_ptr<ElfObjects> read_elf_objects(const std::string &path);
+
+class ModuleSymbols {
+public:
+  // A module's code as the trace saw it mapped: [start, end).
+  void add_module(std::uint64_t start, std::uint64_t end, std::string path);
+  // The symbol that holds the address, "" when none does.
+  std::string name_of(std::uint64_t address);
+
+private:
+  struct Module {
+    std::uint64_t start = 0, end = 0;
+    std::string path;
+    bool read = false;
+    std::shared_ptr<const ElfObjects> objects; // null: unreadable, or not the file that was mapped
+    std::uint64_t bias = 0;                     // run-time address less link-time address
+  };
+  const Module *load(Module &m);
+
+  std::map<std::uint64_t, Module> modules_; // by start of code
+  std::map<std::string, std::shared_ptr<const ElfObjects>> files_;
+};
+
+} // namespace vorx::report
