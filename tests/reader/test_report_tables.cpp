@@ -125,7 +125,7 @@ TEST_F(SampleResults, ChromeTraceNestsSlicesPerThread)
   EXPECT_NE(text.find(R"J({"name":"render","cat":"frame","ph":"X","pid":100,"tid":100,"ts":300.000,"dur":600.000})J"),
             std::string::npos)
       << text;
-  EXPECT_NE(text.find(R"J({"name":"pthread_mutex_lock","cat":"wait","ph":"X","pid":100,"tid":101,"ts":400.000,"dur":100.000,"args":{"object":"0x804a040"}})J"),
+  EXPECT_NE(text.find(R"J({"name":"pthread_mutex_lock","cat":"wait","ph":"X","pid":100,"tid":101,"ts":400.000,"dur":100.000,"args":{"object":"0x804a040","object_name":"queue lock (mutex)"}})J"),
             std::string::npos);
   if (std::system("python3 -c '' 2>/dev/null") != 0) GTEST_SKIP() << "python3 is not installed";
   std::string check = std::string("python3 ") + VORX_READER_TEST_DIR "/check_chrome_trace.py " + json + " 17 5";
