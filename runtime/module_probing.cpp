@@ -304,20 +304,25 @@ void probe_module(IMG img, const vorx_module_descriptor_t *descriptor) {
 
 // ------------------------------------------------------------------ handed-over functions
 
-// The entry of `id` in the descriptor named `module`, when the descriptor lists it and the id has rows.
-const vorx_probe_entry_t *listed_entry(const char *module, unsigned id, unsigned *mod) {
+// The row through which `module` hands the function `id` over, with its entry; null when the module's
+// descriptor does not list the function.
+vorx_probe_t *handed_row(unsigned id, const char *module, const vorx_probe_entry_t **found) {
   for (const vorx_module_descriptor_t *d = g_vorx_instrumented_modules; d->name != nullptr; ++d) {
     if (strcmp(d->name, module) != 0) continue;
     for (const vorx_probe_entry_t *entry = d->probes; entry != nullptr && entry->name != nullptr; ++entry) {
       if (entry->id != id || entry->modules == 0) continue;
-      int index = module_index(*entry, d);
-      if (index < 0) return nullptr;
-      *mod = static_cast<unsigned>(index);
-      return entry;
+      int mod = module_index(*entry, d);
+      if (mod < 0) return nullptr;
+      *found = entry;
+      return vorx_probe_row(id, entry->versions, static_cast<unsigned>(mod), 0);
     }
     return nullptr;
   }
   return nullptr;
+}
+
+bool is_row_wrapper(const vorx_probe_t *row, const void *routine) {
+  return row->probe != nullptr && routine == row->probe;
 }
 
 // ------------------------------------------------------------------ gates
@@ -648,14 +653,12 @@ extern "C" void vorx_reset_instrumented_modules(void) {
 // is the row's wrapper already (the table handed over again, or taken again after a re-attach) leaves the
 // original the row has.
 extern "C" void *vorx_take_over_handed_function(unsigned id, const char *module, void *routine) {
-  unsigned mod = 0;
-  const vorx_probe_entry_t *entry = listed_entry(module, id, &mod);
-  if (entry == nullptr || routine == nullptr) return nullptr;
-  vorx_probe_t *row = vorx_probe_row(id, entry->versions, mod, 0);
+  const vorx_probe_entry_t *entry = nullptr;
+  vorx_probe_t *row = handed_row(id, module, &entry);
+  if (row == nullptr || routine == nullptr) return nullptr;
   void *answer = nullptr;
   KEL_LockClient();
-  bool ours = row->probe != nullptr && routine == row->probe;
-  if (!ours) {
+  if (!is_row_wrapper(row, routine)) {
     row->original = row->trampoline = routine;
     row->is_dynamic = 0;
   } else if (row->original == nullptr) {
@@ -673,10 +676,8 @@ extern "C" void *vorx_take_over_handed_function(unsigned id, const char *module,
 
 // What the library should call again once the collector lets go: its own function, kept in the row.
 extern "C" void *vorx_give_back_handed_function(unsigned id, const char *module, void *routine) {
-  unsigned mod = 0;
-  const vorx_probe_entry_t *entry = listed_entry(module, id, &mod);
-  if (entry == nullptr) return routine;
-  const vorx_probe_t *row = vorx_probe_row(id, entry->versions, mod, 0);
-  bool ours = row->probe != nullptr && routine == row->probe;
-  return ours && row->trampoline != nullptr ? row->trampoline : routine;
+  const vorx_probe_entry_t *entry = nullptr;
+  const vorx_probe_t *row = handed_row(id, module, &entry);
+  if (row == nullptr || !is_row_wrapper(row, routine) || row->trampoline == nullptr) return routine;
+  return row->trampoline;
 }
