@@ -479,6 +479,7 @@ def traits(desc, fn):
          '    static constexpr vorx::thin thin = vorx::thin::%s;' % (a.get('thin') or 'none'),
          '    static constexpr bool own_wait = %s;' % b('ownwait' in a),
          '    static constexpr bool leaf = %s;' % b('leaf' in a),
+         '    static constexpr bool outside = %s;' % b('outside' in a),
          '    static constexpr vorx::usync usync = vorx::usync::%s;' % (a.get('usync') or 'none'),
          '    static constexpr vorx::timeout timeout = vorx::timeout::%s;' % (timeout_kind or 'none'),
          '    static constexpr bool eintr_is_result = %s;' % b(a.get('eintr') == 'result'),

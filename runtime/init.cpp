@@ -11,6 +11,7 @@
 
 #include "kel.h"
 #include "runtime_entries.h"
+#include "signal_manager.h"
 #include "sal.h"
 #include "thread_manager.h"
 #include "vorx_tmu.h"
@@ -347,6 +348,7 @@ extern "C" void vorx_attach(void *global) {
   vorx_er_t attach_notification_result = vorx_client_notify(g_vorx_client, vorx_command_ready);
   VORX_ASSERT(attach_notification_result == vorx_er_success);
 
+  vorx_signal_manager_resync();
   g_vorx_is_rtl_initialized = 1;
   vorx_thread_manager_unlock_global(g_vorx_thread_manager);
   vorx_set_ctrl_c_handler(2);

@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "sal.h"
+#include "signal_manager.h"
 #include "trace_names.h"
 #include "vorx_config.h"
 #include "vorx_deepbind.h"
@@ -31,14 +32,8 @@ void vorx_free_filtering_data(void* data) __attribute__((weak));
 void* vorx_projection_alloc_thread_data(vorx_u32_t thread) __attribute__((weak));
 void vorx_projection_reset_thread_data(void* data) __attribute__((weak));
 void vorx_projection_free_thread_data(void* data) __attribute__((weak));
-vorx_u32_t vorx_alloc_signal_descr(struct vorx_signal_descr** out, vorx_u32_t altstack_size,
-                                   vorx_u32_t altstack_min_size, const void* mask, int replace_small)
-    __attribute__((weak));
-void vorx_free_signal_descr(struct vorx_signal_descr* descr) __attribute__((weak));
 void vorx_signal_descr_save_complete_data(struct vorx_signal_descr* descr, void* data) __attribute__((weak));
 int is_replacing_altstack_safe(void) __attribute__((weak));
-void* vorx_alloc_stack_with_guard_page(vorx_u32_t size, vorx_u32_t* out_size) __attribute__((weak));
-void vorx_free_stack_with_guard_page(void* stack, vorx_u32_t size) __attribute__((weak));
 vorx_u32_t vorx_start_stracing(const char* name, vorx_u32_t thread, vorx_u32_t* state) __attribute__((weak));
 void vorx_stop_stracing(vorx_u32_t* state) __attribute__((weak));
 void vorx_generate_sample_record(vorx_workspace* wsp, void* context, void* info) __attribute__((weak));
@@ -60,26 +55,6 @@ constexpr vorx_u32_t kAlternativeStackSize = 0x20000;
 constexpr vorx_u32_t kFdVectorInitial = 64;
 constexpr vorx_u32_t kSignalStackTooSmall = 3;
 constexpr vorx_u32_t kPerThreadFiles = 1;
-constexpr vorx_u32_t kFastMaskBlocked = 0;
-
-/* How the signal layer's descriptor and binder look from here: operations at
- * the descriptor's head (initialise, finalise, set_altstack_size,
- * set_first_class_fast_mask, ...), and the binder's fields in order. */
-struct signal_descr_view {
-  void* initialise;
-  void* finalise;
-  void* set_altstack_size;
-  vorx_u32_t (*set_first_class_fast_mask)(struct vorx_signal_descr* descr, vorx_u32_t state, vorx_u32_t* old,
-                                          void* binder);
-};
-struct binder_view {
-  vorx_u32_t kind; /* 1: external, the caller came from outside the collector's signal code */
-  vorx_u32_t saved_level;
-  vorx_u32_t saved_mask;
-  vorx_ts_desc_t** key;
-  void** wsp_addr;
-  vorx_u32_t entered; /* a thread-manager result; ok while the thread is inside */
-};
 
 /* A CPU-profiling descriptor's head: its third and fourth operations. */
 struct cpu_prof_view {
@@ -128,9 +103,10 @@ void init_xstack(vorx_xstack* x) {
   x->flag = 0;
 }
 
+// The collector's own alternate stack serves its sampling handler on threads with small stacks; without
+// sampling a thread costs no stack of the collector's.
 void alloc_signal_descr(vorx_workspace* wsp, const vorx_registration_data* reg) {
-  if (!vorx_alloc_signal_descr) return;
-  vorx_u32_t size = (conf() && conf()->use_signal_stack) ? kSignalStackSize : 0;
+  vorx_u32_t size = (conf() && conf()->use_signal_stack && cpu_sampling_on()) ? kSignalStackSize : 0;
   VORX_ASSERT(wsp->signal_descr == ((void *)0));
   bool safe = is_replacing_altstack_safe ? is_replacing_altstack_safe() != 0 : false;
   vorx_u32_t result = vorx_alloc_signal_descr(&wsp->signal_descr, size, size, reg ? reg->sigmask : nullptr, safe);
@@ -170,29 +146,20 @@ void tear_down_common(vorx_workspace* wsp, void* complete_data) {
   if (wsp->signal_descr) {
     if (complete_data && vorx_signal_descr_save_complete_data)
       vorx_signal_descr_save_complete_data(wsp->signal_descr, complete_data);
-    if (vorx_free_signal_descr) vorx_free_signal_descr(wsp->signal_descr);
+    vorx_free_signal_descr(wsp->signal_descr);
     wsp->signal_descr = nullptr;
   }
 }
 
 /* Signal side of enter: hold the collector's signals back with one store. */
 void block_fast_mask(vorx_workspace* wsp, vorx_runtime_state* state) {
-  state->mask = 1;
+  state->mask = vorx_bs_unblocked;
   if (!wsp->signal_descr) return;
-  auto* ops = reinterpret_cast<signal_descr_view*>(wsp->signal_descr);
-  ops->set_first_class_fast_mask(wsp->signal_descr, kFastMaskBlocked, &state->mask, nullptr);
+  wsp->signal_descr->set_first_class_fast_mask(wsp->signal_descr, vorx_bs_blocked, &state->mask, nullptr);
 }
 
-/* Signal side of leave: lower the mask, running what arrived meanwhile. The
- * binder says whether the thread still holds its descriptor afterwards. */
-vorx_u32_t restore_fast_mask(vorx_workspace* wsp, vorx_runtime_state* state, vorx_ts_desc_t** key,
-                             vorx_workspace** wsp_addr) {
-  if (!wsp->signal_descr) return vorx_thread_manager_op_err_ok;
-  binder_view binder = {1, state->level, state->mask, key, reinterpret_cast<void**>(wsp_addr),
-                        vorx_thread_manager_op_err_ok};
-  auto* ops = reinterpret_cast<signal_descr_view*>(wsp->signal_descr);
-  ops->set_first_class_fast_mask(wsp->signal_descr, state->mask, nullptr, &binder);
-  return binder.entered;
+void restore_fast_mask(vorx_workspace* wsp, vorx_runtime_state* state) {
+  if (wsp->signal_descr) wsp->signal_descr->set_first_class_fast_mask(wsp->signal_descr, state->mask, nullptr, nullptr);
 }
 
 }  // namespace
@@ -469,12 +436,12 @@ vorx_u32_t vorx_enter_runtime_and_store_errno_cond(vorx_runtime_state* state, vo
 
 void vorx_leave_runtime_and_restore_errno_cond(vorx_ts_desc_t* key, vorx_workspace* wsp, vorx_runtime_state* state,
                                                int errno_value, bool with_errno) {
-  vorx_u32_t entered = restore_fast_mask(wsp, state, &key, &wsp);
-  if (entered == vorx_thread_manager_op_err_ok) {
-    wsp->runtime_level = state->level;
-    vorx_thread_manager_release(g_vorx_thread_manager, key);
-  }
+  restore_fast_mask(wsp, state);
+  wsp->runtime_level = state->level;
+  vorx_thread_manager_release(g_vorx_thread_manager, key);
   if (with_errno) *applibc___errno_location() = errno_value;
+  // after the release: a handler of the application may never return
+  if (vorx_signal_descr_has_deferred(wsp->signal_descr)) vorx_complete_deferred_signals(wsp->signal_descr);
 }
 
 vorx_u32_t vorx_enter_runtime_and_store_errno(vorx_runtime_state* state, vorx_ts_desc_t** out_key,

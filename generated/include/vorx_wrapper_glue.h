@@ -20,12 +20,10 @@
 #include "vorx_init.h"
 #include "vorx_log.h"
 #include "vorx_timesource.h"
+#include "signal_manager.h"
 #include "workspace.h"
 
 extern "C" {
-// the collector's own signal: set by the signal manager when it consumed one on this thread
-int vorx_signal_internal_arrived(struct vorx_signal_descr* descr);
-void vorx_signal_clear_internal_arrived(struct vorx_signal_descr* descr);
 // nested calls and waits
 int vorx_is_runtime_in_nested_original(vorx_probe_data_t* wait, uint32_t probe_id, void* filtering_data);
 int vorx_update_nested_probe_params(vorx_probe_data_t* data, vorx_probe_data_t* incomplete_wait);
@@ -48,8 +46,6 @@ int vorx_mem_obj_htable_delete(void* table, void* address);
 // thin members
 void vorx_detach_runtime(void);
 void vorx_stop_notification_service(void);
-void vorx_block_profiling_signal(void);
-void vorx_unblock_profiling_signal(void);
 const char* vorx_env_getenv(const char* name);
 int vorx_ozk_api_handover(void* api_table);
 }
@@ -63,26 +59,6 @@ using wsp_t = struct vorx_workspace;
 using mask_t = uint32_t;
 constexpr unsigned context_size = 512;
 constexpr unsigned cleanup_buffer_size = 32;
-constexpr uint32_t signals_blocked = 0;
-
-// The signal descriptor as the wrappers use it: its operations at its head (the fourth holds the collector's
-// signals back or lowers the mask again), and the binder that tells whether the thread is still entered
-// after deferred signals ran. Same layout as the workspace's enter and leave use.
-struct signal_descr_view {
-    void* initialise;
-    void* finalise;
-    void* set_altstack_size;
-    uint32_t (*set_first_class_fast_mask)(struct vorx_signal_descr* descr, uint32_t state, uint32_t* old,
-                                          void* binder);
-};
-struct binder_view {
-    uint32_t kind;  // 1: the caller came from outside the collector's signal code
-    uint32_t saved_level;
-    uint32_t saved_mask;
-    vorx_ts_desc_t** key;
-    void** wsp_addr;
-    uint32_t entered;  // a thread-manager result; ok while the thread is inside
-};
 
 enum class enter_result { ok, acquired, not_found, closed, other };
 
@@ -101,20 +77,23 @@ inline enter_result enter(key_t& key, wsp_t*& wsp) {
 }
 inline void release(key_t key) { vorx_thread_manager_release(g_vorx_thread_manager, key); }
 
+// The collector's signals are held back with one store: a signal that comes now waits in the descriptor.
 inline void block_signals(wsp_t* wsp, mask_t& saved) {
-    saved = 1;
-    if (!wsp->signal_descr) return;
-    auto* ops = reinterpret_cast<signal_descr_view*>(wsp->signal_descr);
-    ops->set_first_class_fast_mask(wsp->signal_descr, signals_blocked, &saved, nullptr);
+    saved = vorx_bs_unblocked;
+    vorx_signal_descr* d = wsp->signal_descr;
+    if (!d) return;
+    saved = d->fast_mask;
+    __atomic_store_n(&d->fast_mask, (uint32_t)vorx_bs_blocked, __ATOMIC_RELEASE);
 }
-// Restores the saved mask and completes the signals deferred meanwhile; true if the thread is still entered.
-inline bool unblock_signals(key_t& key, wsp_t*& wsp, mask_t saved) {
-    if (!wsp->signal_descr) return true;
-    binder_view binder = {1, wsp->runtime_level, saved, &key, reinterpret_cast<void**>(&wsp),
-                          vorx_thread_manager_op_err_ok};
-    auto* ops = reinterpret_cast<signal_descr_view*>(wsp->signal_descr);
-    ops->set_first_class_fast_mask(wsp->signal_descr, saved, nullptr, &binder);
-    return binder.entered == vorx_thread_manager_op_err_ok;
+// Restores the saved mask; true: the thread is still entered.
+inline bool unblock_signals(key_t&, wsp_t*& wsp, mask_t saved) {
+    if (vorx_signal_descr* d = wsp->signal_descr) __atomic_store_n(&d->fast_mask, saved, __ATOMIC_RELEASE);
+    return true;
+}
+// After the release: what came while the thread was inside.
+inline void complete_deferred_signals(wsp_t* wsp) {
+    vorx_signal_descr* d = wsp->signal_descr;
+    if (__builtin_expect(vorx_signal_descr_has_deferred(d), 0)) vorx_complete_deferred_signals(d);
 }
 
 inline volatile vorx_u32_t& runtime_level(wsp_t* wsp) { return wsp->runtime_level; }

@@ -118,11 +118,13 @@ inline glue::enter_result enter_runtime(glue::key_t& key, glue::wsp_t*& wsp, glu
     return r;
 }
 
-// Leaves the runtime at `level`: deferred signals are completed, then the thread is released.
+// Leaves the runtime at `level`: the thread is released, then the signals it deferred are delivered.
+// A signal that came meanwhile is delivered only after the release: its handler may never return.
 inline void leave_runtime(glue::key_t& key, glue::wsp_t*& wsp, glue::mask_t saved, unsigned level) {
     if (glue::unblock_signals(key, wsp, saved)) {
         glue::runtime_level(wsp) = level;
         glue::release(key);
+        glue::complete_deferred_signals(wsp);
     }
 }
 
@@ -442,6 +444,17 @@ inline typename T::result_t finish(frame_t<T>& f) {
     if constexpr (!std::is_void_v<typename T::result_t>) return f.p().__result;
 }
 
+// A replaced call whose routine runs outside the collector (the thread holds no descriptor): `wsp` is the
+// thread's workspace, or null for a thread the collector does not know.
+template <class T>
+inline typename T::result_t outside_call(frame_t<T>& f, glue::wsp_t* wsp) {
+    app_errno(f) = f.err;
+    void* trampoline = own_trampoline<T>(f.mod, f.ver);
+    if (!T::replaced(wsp, &f.data, trampoline)) T::call(trampoline, f.p());
+    f.err = app_errno(f);
+    if constexpr (!std::is_void_v<typename T::result_t>) return f.p().__result;
+}
+
 // Wakers look for threads that wait for the object they release.
 template <class T>
 inline bool wake_report(frame_t<T>& f) {
@@ -580,9 +593,20 @@ template <class T>
     glue::enter_result entered = enter(f, true);  // step 4
     if (entered != glue::enter_result::ok) {
         VORX_WRAPPER_ASSERT(entered == glue::enter_result::acquired || entered == glue::enter_result::not_found);
+        if constexpr (T::outside) {
+            if (entered == glue::enter_result::not_found) return outside_call(f, nullptr);
+        }
         return pass_through<T>(f, false);
     }
     set_up<T>(f);  // step 1, done once it is known that the thread is measured here
+    if constexpr (T::outside) {
+        // the process's signal world is kept by the owning routine, also for calls that an original makes
+        if (f.old_level == level_original) {
+            glue::wsp_t* wsp = f.wsp;
+            leave(f, f.old_level);
+            return outside_call(f, wsp);
+        }
+    }
     // step 5
     if (f.old_level == level_original) {
         glue::is_runtime_in_nested_original(glue::incomplete_wait(f.wsp), T::id, f.wsp);
@@ -614,7 +638,14 @@ template <class T>
     constexpr bool waits = T::kind == kind::wait || T::kind == kind::wait_retry;
     if constexpr (waits) push_wait(f);  // step 8
 
-    if constexpr (T::kind == kind::replaced) {
+    if constexpr (T::outside) {
+        // the routine may block or run the application's handlers: the thread is out of the collector for it
+        glue::wsp_t* wsp = f.wsp;
+        leave(f, level_original);
+        outside_call(f, wsp);
+        glue::enter_result again = enter(f, false);
+        if (again != glue::enter_result::ok) return finish(f);
+    } else if constexpr (T::kind == kind::replaced) {
         // steps 9 to 12 belong to the owning subsystem's routine: it decides how (and at which level, with
         // which signals) the original is reached, and stores the result in the probe data
         app_errno(f) = f.err;

@@ -33,6 +33,7 @@ struct state_t {
     answer first_enter = answer::ok;       // what the next enter answers
     answer later_enter = answer::ok;       // and every enter after it
     unsigned enters = 0, releases = 0, blocks = 0, unblocks = 0;
+    unsigned completions = 0, releases_at_completion = 0;  // deferred signals delivered, and when
     unsigned long long clock = 1000;       // now(): the test moves it
     unsigned long long clock_step = 0;     // added at every read
     long long wall = 0;                    // gettimeofday in microseconds
@@ -106,6 +107,10 @@ inline void block_signals(wsp_t*, mask_t& saved) { ++fake::st().blocks; saved = 
 inline bool unblock_signals(key_t&, wsp_t*&, mask_t saved) {
     ++fake::st().unblocks;
     return saved == 7;
+}
+inline void complete_deferred_signals(wsp_t*) {
+    ++fake::st().completions;
+    fake::st().releases_at_completion = fake::st().releases;
 }
 inline unsigned& runtime_level(wsp_t* wsp) { return wsp->runtime_level; }
 inline vorx_probe_data_t*& incomplete_wait(wsp_t* wsp) { return wsp->incomplete_wait; }

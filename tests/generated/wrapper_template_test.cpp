@@ -363,7 +363,11 @@ TEST_F(Wrappers, EventsAlwaysReportAndKeepNoWait) {
 int counter_calls = 0;
 void fake_counter_inc(void*) { ++counter_calls; }
 int sigaction_calls = 0;
-int fake_sigaction(int, const void*, void*) { return ++sigaction_calls, 0; }
+int fake_sigaction(int, const void*, void*) {
+    note_call();
+    seen.args[0] = fake::st().enters - fake::st().releases;  // descriptors held during the call
+    return ++sigaction_calls, 0;
+}
 
 TEST_F(Wrappers, CountedCallsRecordUnderTheGlobalLockAndReplacedOnesFallBackToTheOriginal) {
     set_row(vorx_pi___ozk_counter_inc, 3, 1, 0, (void*)&fake_counter_inc);
@@ -373,11 +377,22 @@ TEST_F(Wrappers, CountedCallsRecordUnderTheGlobalLockAndReplacedOnesFallBackToTh
     EXPECT_EQ(fake::st().callbacks.size(), 2u);
     EXPECT_EQ(fake::st().global_locks, 2u);  // pre and post
 
-    // no signal subsystem linked in: the weak routine is absent and the original runs as it is
+    // no signal subsystem linked in: the weak routine is absent and the original runs as it is, outside the
+    // collector: no other thread may ever wait for a thread that sits in a signal call
     set_row(vorx_pi_sigaction, 3, 1, 0, (void*)&fake_sigaction);
     EXPECT_EQ(vorx_sigaction_mod1_ver0(10, nullptr, nullptr), 0);
     EXPECT_EQ(sigaction_calls, 1);
+    EXPECT_EQ(seen.level_at_call, 2u);
+    EXPECT_EQ(seen.args[0], 0);
     EXPECT_EQ(fake::st().wsp.runtime_level, 3u);
+    EXPECT_EQ(fake::st().enters, fake::st().releases);
+}
+
+// A signal deferred inside the collector runs its handler only once the thread let go of its descriptor.
+TEST_F(Wrappers, DeferredSignalsAreDeliveredAfterTheRelease) {
+    EXPECT_EQ(vorx_read_mod0_ver0(3, nullptr, 10), 10);
+    ASSERT_GT(fake::st().completions, 0u);
+    EXPECT_EQ(fake::st().releases_at_completion, fake::st().releases);
 }
 
 struct task_args {

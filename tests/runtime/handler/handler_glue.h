@@ -56,6 +56,7 @@ inline enter_result enter(key_t& key, wsp_t*& wsp) {
 inline void release(key_t) {}
 inline void block_signals(wsp_t*, mask_t& saved) { saved = 0; }
 inline bool unblock_signals(key_t&, wsp_t*&, mask_t) { return true; }
+inline void complete_deferred_signals(wsp_t*) {}
 inline volatile vorx_u32_t& runtime_level(wsp_t* wsp) { return wsp->runtime_level; }
 inline vorx_probe_data_t*& incomplete_wait(wsp_t* wsp) {
     return reinterpret_cast<vorx_probe_data_t*&>(wsp->incomplete_wait);

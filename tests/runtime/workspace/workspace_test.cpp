@@ -16,6 +16,7 @@
 #include "vorx_config.h"
 #include "vorx_deepbind.h"
 #include "vorx_probe_table.h"
+#include "signal_manager.h"
 #include "workspace.h"
 
 namespace {
@@ -241,3 +242,84 @@ TEST_F(WorkspaceTest, FdVectorGrowsOnlyUpward) {
 }
 
 }  // namespace
+
+// ---- the signal layer on a registered thread ----------------------------------------------------------------
+
+extern "C" void vorx_detach_runtime(void) {}
+volatile uint32_t g_vorx_is_rtl_initialized = 0;
+
+namespace {
+
+int handled_signals = 0;
+bool handled_inside = false;
+void count_usr1(int) {
+  ++handled_signals;
+  vorx_ts_desc_t* key = nullptr;
+  void* data = nullptr;
+  vorx_u32_t entered = vorx_thread_manager_enter(g_vorx_thread_manager, &key, &data);
+  if (entered == vorx_thread_manager_op_err_acquired) handled_inside = true;
+  if (entered == vorx_thread_manager_op_err_ok) vorx_thread_manager_release(g_vorx_thread_manager, key);
+}
+
+}  // namespace
+
+// A signal that comes while the thread runs the collector waits until the thread has let go of its descriptor;
+// the application's handler, its mask and its view of the mask are as it set them.
+TEST_F(WorkspaceTest, SignalsInsideTheCollectorWaitForTheLeave) {
+  conf_->per_thread_files = 0;
+  vorx_init_signal_manager();
+  vorx_init_crash_signal_handler();
+  start_manager();
+  register_self();
+  handled_signals = 0;
+  handled_inside = false;
+
+  struct sigaction app = {}, seen = {};
+  app.sa_handler = count_usr1;
+  sigemptyset(&app.sa_mask);
+  int err = 0;
+  ASSERT_EQ(g_signal_manager->set_second_class_handler(g_signal_manager, SIGUSR1, &app, nullptr, &err, nullptr),
+            (vorx_u32_t)vorx_sig_ok);
+  ASSERT_EQ(g_signal_manager->set_second_class_handler(g_signal_manager, SIGUSR1, nullptr, &seen, &err, nullptr),
+            (vorx_u32_t)vorx_sig_ok);
+  EXPECT_EQ(seen.sa_handler, count_usr1) << "the application reads its own action back";
+
+  vorx_runtime_state state{};
+  vorx_ts_desc_t* key = nullptr;
+  vorx_workspace* wsp = nullptr;
+  int saved = 0;
+  ASSERT_EQ(vorx_enter_runtime_and_store_errno(&state, &key, &wsp, &saved), vorx_thread_manager_op_err_ok);
+  raise(SIGUSR1);
+  raise(SIGUSR1);
+  EXPECT_EQ(handled_signals, 0) << "no application handler inside the collector";
+  EXPECT_EQ(wsp->signal_descr->deferred_count, 2u);
+  vorx_leave_runtime_and_restore_errno(key, wsp, &state, saved);
+  EXPECT_EQ(handled_signals, 2);
+  EXPECT_FALSE(handled_inside);
+
+  raise(SIGUSR1);  // outside: at once
+  EXPECT_EQ(handled_signals, 3);
+
+  // SA_RESETHAND fires once; the default action of SIGUSR1 would end the process, so ignore it then.
+  app.sa_flags = SA_RESETHAND;
+  g_signal_manager->set_second_class_handler(g_signal_manager, SIGUSR1, &app, nullptr, &err, nullptr);
+  raise(SIGUSR1);
+  g_signal_manager->set_second_class_handler(g_signal_manager, SIGUSR1, nullptr, &seen, &err, nullptr);
+  EXPECT_EQ(seen.sa_handler, SIG_DFL);
+  EXPECT_EQ(handled_signals, 4);
+  vorx_fini_crash_signal_handler();
+  struct sigaction kernel = {};
+  sigaction(SIGUSR1, nullptr, &kernel);
+  EXPECT_EQ(kernel.sa_handler, SIG_DFL) << "the kernel gets the application's world back";
+}
+
+TEST(ProtectedFrames, AFaultingReadComesBackAsFalse) {
+  vorx_init_signal_manager();
+  vorx_init_crash_signal_handler();
+  int value = 42, copy = 0;
+  EXPECT_TRUE(vorx_read_memory_protected(&copy, &value, sizeof value));
+  EXPECT_EQ(copy, 42);
+  for (int i = 0; i < 3; ++i)  // again and again: the fault's signal must not stay blocked
+    EXPECT_FALSE(vorx_read_memory_protected(&copy, reinterpret_cast<void*>(16), sizeof copy));
+  vorx_fini_crash_signal_handler();
+}
