@@ -1,6 +1,8 @@
 // Filtering data and the search for waiters: one thread's release tells another thread's wait that it
 // was contended, so that the waiter reports its wait however short it was, and the release reports itself.
 #include <stdlib.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <string.h>
 #include <time.h>
 
@@ -168,7 +170,7 @@ void with_caught_thread(vorx_ts_desc_t* thread, Fn work) {
     vorx_u32_t caught = vorx_thread_manager_catch(g_vorx_thread_manager, thread, &data);
     if (caught == vorx_thread_manager_op_err_again) {
       struct timespec pause = {0, 10 * 1000 * 1000};
-      nanosleep(&pause, nullptr);
+      syscall(SYS_nanosleep, &pause, nullptr);  // not the library's: a cancellation point
       continue;
     }
     if (caught == vorx_thread_manager_op_err_ok) {

@@ -179,7 +179,7 @@ vorx_u32_t op_set_altstack(vorx_signal_descr* d, const stack_t* ss, stack_t* oss
   if (ss) {
     if (ss->ss_flags & ~(SS_ONSTACK | SS_DISABLE)) return fail(err, EINVAL);
     if (!(ss->ss_flags & SS_DISABLE)) {
-      if (ss->ss_size < MINSIGSTKSZ) return fail(err, ENOMEM);
+      if (ss->ss_size < (size_t)MINSIGSTKSZ) return fail(err, ENOMEM);
       if (call(ss, nullptr) != 0) return fail(err, vorx_app_errno());
       free_own_altstack(d);
     } else if (!(view.ss_flags & SS_DISABLE)) {
@@ -242,7 +242,7 @@ vorx_u32_t vorx_alloc_signal_descr(vorx_signal_descr** out, vorx_u32_t altstack_
   if (mask) memcpy(&d->second_class_mask, mask, sizeof(sigset_t));
   else pthread_sigmask(SIG_SETMASK, nullptr, &d->second_class_mask);
   d->set_altstack_size(d, altstack_size, altstack_min_size);
-  return d->owner == sal_thread_id() ? d->initialise(d) : vorx_sig_ok;
+  return d->owner == sal_thread_id() ? d->initialise(d) : (vorx_u32_t)vorx_sig_ok;
 }
 
 // A descriptor is freed only by its own thread: another thread that ends a collection leaves it, since its

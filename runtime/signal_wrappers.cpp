@@ -167,7 +167,7 @@ void vorx_sigaltstack_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void
   vorx_u32_t r = d->set_altstack(d, static_cast<const stack_t*>(p.__ss), static_cast<stack_t*>(p.__oss), false,
                                  &err, trampoline);
   if (r == vorx_sig_special && g_vorx_conf && g_vorx_conf->log_level > 0) vorx_report(vorx_msg_sigaltstack_too_small);
-  p.__result = posix_answer(r == vorx_sig_special ? vorx_sig_ok : r, err);
+  p.__result = posix_answer(r == vorx_sig_special ? (vorx_u32_t)vorx_sig_ok : r, err);
 }
 
 }  // extern "C"

@@ -196,7 +196,7 @@ vorx_u32_t vorx_alloc_workspace(vorx_ts_desc_t* owner, void* block, void* regist
   wsp->runtime_level = vorx_le_in_runtime;
   wsp->alternative_stack_buffer = nullptr;
   wsp->alternative_stack_size = 0;
-  if (no_libc_runtime() && vorx_alloc_stack_with_guard_page) {
+  if (no_libc_runtime()) {
     wsp->alternative_stack_buffer = vorx_alloc_stack_with_guard_page(kAlternativeStackSize, &wsp->alternative_stack_size);
     VORX_ASSERT(wsp->alternative_stack_buffer != ((void *)0));
   }
@@ -243,7 +243,7 @@ vorx_u32_t vorx_free_workspace(void* block, void* arg) {
     wsp->fd_vector.entries = nullptr;
     wsp->fd_vector.capacity = 0;
   }
-  if (wsp->alternative_stack_buffer && vorx_free_stack_with_guard_page)
+  if (wsp->alternative_stack_buffer)
     vorx_free_stack_with_guard_page(wsp->alternative_stack_buffer, wsp->alternative_stack_size);
   wsp->alternative_stack_buffer = nullptr;
   return vorx_er_success;

@@ -2,6 +2,7 @@
 #include "vorx_report.h"
 
 #include "trace_export.hpp"
+#include "process_endings.hpp"
 #include "trace_parser.hpp"
 
 #include <unistd.h>
@@ -212,6 +213,7 @@ extern "C" int command_report(int argc, char **argv)
   if (files.empty()) return 2;
   Stats stats;
   TraceParser parser(stdout, dump);
+  parser.set_process_endings(read_process_endings(inputs));
   for (const std::string &f : files) read_file(f, parser, stats, progress);
   parser.finish(stats);
   if (csv) parser.print_csv_tables();

@@ -262,7 +262,10 @@ void TraceParser::print_summary(const Stats &stats, std::size_t max_rows) const
     }
   };
   for (const auto &[pid, p] : processes_) {
-    std::fprintf(o, "  process %u %s%s\n", pid, p.name.empty() ? "(no name)" : p.name.c_str(), p.ended ? "" : " (no end record)");
+    auto ending = endings_.find(pid);
+    std::string end = ending != endings_.end() ? ": " + ending->second : "";
+    std::fprintf(o, "  process %u %s%s%s\n", pid, p.name.empty() ? "(no name)" : p.name.c_str(), end.c_str(),
+                 p.ended ? "" : " (no end record)");
     print_threads(pid);
     listed[pid] = true;
   }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "activity.hpp"
+#include "process_endings.hpp"
 #include "trace_tokenizer.hpp"
 
 #include <cstdio>
@@ -52,6 +53,8 @@ public:
   // activity (open slices, nesting, counters).
   void finish(Stats &stats);
 
+  // How processes ended (from the results directory), shown beside them in the overview.
+  void set_process_endings(ProcessEndings endings) { endings_ = std::move(endings); }
   // The overview, then the tables (at most max_rows rows each on the terminal; 0: all).
   void print_summary(const Stats &stats, std::size_t max_rows = 0) const;
   // The same tables as CSV, nothing else.
@@ -68,6 +71,7 @@ public:
   std::uint64_t timesource_hz() const { return timesource_hz_; }
 
 private:
+  ProcessEndings endings_;
   void track(const Record &r);
   void see_time(std::uint64_t t);
   std::string thread_time(const ThreadKey &key, const ThreadInfo &t) const;

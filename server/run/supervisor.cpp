@@ -84,7 +84,9 @@ void Supervisor::prepare() {
 
 void Supervisor::notice_death(const ProcessInfo &p) {
   std::string who = p.pid == root_ ? "the program " : "the process ";
-  if (p.exit_signal)
+  if (p.exit_signal && p.ended)
+    reports_.report(p.pid, p.name, "note", who + "was " + describe_exit(p) + "; its trace was written up to then");
+  else if (p.exit_signal)
     reports_.report(p.pid, p.name, "warning", who + "was " + describe_exit(p) + "; its collection is cut short");
   else if (p.ready && !p.ended)
     reports_.report(p.pid, p.name, "warning", who + describe_exit(p) + " without closing its collection");

@@ -9,6 +9,7 @@ import glob
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -136,6 +137,56 @@ class RealPrograms(Workdir):
                                  "/usr/bin/pigz", "-p", "2", "-c", data], capture_output=True, cwd=self.dir)
         self.assertEqual(traced.returncode, 0, traced.stderr)
         self.assertEqual(traced.stdout, native)
+
+
+class Signals(Workdir):
+    """Programs that live by signals behave as they do alone, and a death by a signal leaves a readable trace."""
+
+    MODES = ("suspend", "segv-recover", "itimer", "altstack", "sigwait", "sigqueue", "view", "cancel")
+
+    def program(self, *args):
+        return [tool("tests", "e2e", "e2e_signals"), *args]
+
+    def test_signal_programs_behave_as_natively(self):
+        for collect in ("threading,io", "cpu"):
+            for mode in self.MODES:
+                with self.subTest(collect=collect, mode=mode):
+                    native = run(self.program(mode), timeout=60)
+                    traced, results = self.vorx_run(self.program(mode), collect=collect, timeout=120)
+                    self.assertEqual((traced.returncode, traced.stdout), (native.returncode, native.stdout),
+                                     traced.stderr)
+                    self.assertIn("0 errors", traced.stderr)
+                    self.report(results)
+                    shutil.rmtree(results)
+
+    def test_death_by_a_signal_keeps_a_readable_trace(self):
+        for how, signo in (("segv", 11), ("abort", 6), ("raise-term", 15), ("usr1", 10), ("term-from-thread", 15)):
+            with self.subTest(how=how):
+                native = run(self.program("die", how))
+                traced, results = self.vorx_run(self.program("die", how), extra=("--no-contention-filter",))
+                self.assertEqual(native.returncode, -signo)  # vorx answers as a shell does: 128 + signal
+                self.assertEqual((traced.returncode, traced.stdout), (128 + signo, native.stdout))
+                self.assertIn("its trace was written up to then", traced.stderr)
+                summary = self.report(results)
+                self.assertRegex(summary, r"process \d+ e2e_signals: killed by signal %d " % signo)
+                self.assertRegex(summary, r"thread \d+ e2e_signals: \d{4,} records")  # the 1000 lock pairs
+                shutil.rmtree(results)
+
+    def test_interrupt_and_termination_from_outside(self):
+        for signo in (signal.SIGINT, signal.SIGTERM):
+            with self.subTest(signal=signo):
+                results = self.results()
+                vorx = subprocess.Popen([tool("bin", "vorx"), "run", "-c", "threading,io", "-r", results, "--",
+                                         *self.program("die", "wait")], stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, text=True, cwd=self.dir)
+                for line in vorx.stdout:
+                    if line.startswith("waiting as "):
+                        os.kill(int(line.split()[-1]), signo)
+                        break
+                _, err = vorx.communicate(timeout=60)
+                self.assertEqual(vorx.returncode, 128 + signo, err)
+                self.assertRegex(self.report(results), r"killed by signal %d " % signo)
+                shutil.rmtree(results)
 
 
 def main():

@@ -13,6 +13,8 @@
  * enter on this same thread: the guard makes such an enter answer
  * thread_not_found. */
 #include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
@@ -137,7 +139,7 @@ void storage_lock_as(mgr_t* m, vorx_s32_t self) {
       break;
     if (waiting >= s.spin_limit) {
       struct timespec pause = {0, kStorageBackoffNs};
-      nanosleep(&pause, nullptr);
+      syscall(SYS_nanosleep, &pause, nullptr);  // not the library's: a cancellation point
       waiting = s.waiters;
     }
   }

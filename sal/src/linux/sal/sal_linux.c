@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <sys/auxv.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -67,24 +68,32 @@ vorx_er_t sal_get_thread_start_addr(vorx_address_t thread_handle, vorx_address_t
 
 /* ---- files -------------------------------------------------------------- */
 
+/* File calls go to the kernel directly: the C library's open, read, write, close and fsync are
+ * cancellation points, and a thread of the program that has a cancel pending must never be cancelled inside
+ * the collector (it would unwind through the collector's frames with its locks held). */
+static int open_mode(const char *path, int flags, int mode)
+{
+    return (int)syscall(SYS_openat, AT_FDCWD, path, flags, mode);
+}
+
 int sal_open(const char *path)
 {
-    return open(path, O_RDWR | O_LARGEFILE, 0606);
+    return open_mode(path, O_RDWR | O_LARGEFILE, 0606);
 }
 
 int sal_open_append(const char *path)
 {
-    return open(path, O_RDWR | O_LARGEFILE | O_APPEND, 0606);
+    return open_mode(path, O_RDWR | O_LARGEFILE | O_APPEND, 0606);
 }
 
 int sal_open_read(const char *path)
 {
-    return open(path, O_RDONLY | O_LARGEFILE);
+    return open_mode(path, O_RDONLY | O_LARGEFILE, 0);
 }
 
 int sal_create(const char *path)
 {
-    return open(path, O_RDWR | O_CREAT | O_TRUNC | O_LARGEFILE, 0666);
+    return open_mode(path, O_RDWR | O_CREAT | O_TRUNC | O_LARGEFILE, 0666);
 }
 
 int sal_create_ex(const char *path, vorx_u32_t mode)
@@ -105,22 +114,22 @@ vorx_s64_t sal_seek(int fd, vorx_u32_t offset_low, vorx_s32_t offset_high, int w
 
 vorx_ssize_t sal_read(int fd, void *buffer, vorx_size_t size)
 {
-    return read(fd, buffer, size);
+    return (vorx_ssize_t)syscall(SYS_read, fd, buffer, size);
 }
 
 vorx_ssize_t sal_write(int fd, const void *buffer, vorx_size_t size)
 {
-    return write(fd, buffer, size);
+    return (vorx_ssize_t)syscall(SYS_write, fd, buffer, size);
 }
 
 int sal_close(int fd)
 {
-    return close(fd);
+    return (int)syscall(SYS_close, fd);
 }
 
 int sal_sync(int fd)
 {
-    return fsync(fd);
+    return (int)syscall(SYS_fsync, fd);
 }
 
 int sal_delete(const char *path)
