@@ -54,6 +54,12 @@ vorx_ssize_t sal_read(int fd, void *buffer, vorx_size_t size);
 vorx_ssize_t sal_write(int fd, const void *buffer, vorx_size_t size);
 int sal_close(int fd);
 int sal_sync(int fd);
+int sal_truncate(int fd, vorx_s64_t length);
+/* The device and inode a descriptor names: false when it names nothing. */
+vorx_bool_t sal_file_identity(int fd, vorx_u64_t *device, vorx_u64_t *inode);
+/* The descriptor moved to 512 or above, out of the way of a program's own numbers, and closed on exec;
+ * the same descriptor (made close-on-exec) when the limit on descriptors leaves no room up there. */
+int sal_move_descriptor_high(int fd);
 int sal_delete(const char *path);
 vorx_bool_t sal_directory_create(const char *path); /* mode 0775 */
 vorx_bool_t sal_directory_remove(const char *path);

@@ -1,11 +1,18 @@
 /* Trace management units: the sinks of trace streams.
  *
  * A writer asks a unit for room, writes and confirms (put_record and put_encoded do all three).
- * The unit keeps records in large buffers, spills a full buffer to its writer (a file, a file
+ * The unit keeps records in buffers, spills a full buffer to its writer (a file, a file
  * descriptor or a communication channel), deflating it when the process has a compressor pool,
  * and keeps the buffer memory of all units of the process under one limit by halving the
  * biggest unit when a new one doesn't fit. In ring mode nothing is written until a spill is
  * asked for, and only the last seconds of records are kept.
+ *
+ * The limit grants each buffer a share; the memory itself is taken at the first record, small,
+ * and doubles up to the share as records come, so a thread that records little costs little.
+ * A unit never stops its process for want of a resource: a record that finds no memory, and the
+ * records of a buffer that its writer refused (a full or read-only disk), are dropped and
+ * counted, per unit and for the process. A unit that cannot open its own file hands its buffers
+ * to the process trace, which keeps its file open from the start (see vorx_tmu_keep_as_process_trace).
  *
  * Any thread may write into a unit, also from a signal handler: waits poll with 10 ms sleeps.
  * Lock order: the list mutex is never held while taking a unit's buffer_lock for a write;
@@ -20,8 +27,9 @@
 extern "C" {
 #endif
 
-#define VORX_TMU_BUFFER_SIZE (1u << 20)        /* each buffer while the limit allows */
-#define VORX_TMU_MAX_BUFFER_SIZE 0x1000000u    /* records needing more abort */
+#define VORX_TMU_BUFFER_SIZE (1u << 20)        /* each buffer's share while the limit allows */
+#define VORX_TMU_FIRST_BUFFER_SIZE 0x1000u     /* memory a buffer takes at its first record */
+#define VORX_TMU_MAX_BUFFER_SIZE 0x1000000u    /* records needing more are dropped */
 #define VORX_TMU_DEFAULT_LIMIT 0x8000000u      /* 128 MiB, or 2 MiB a CPU + 2 MiB if more */
 #define VORX_TMU_POLL_NS 10000000L
 
@@ -48,8 +56,15 @@ struct vorx_tmu_writer {
   int (*close_after_spill)(vorx_tmu_writer_t *w);
 };
 
+/* File writers write all or nothing: a write cut short is taken back (the file truncated to where it was),
+ * so that a file always ends on a whole record. */
 /* Opened for every spill and closed after it, so the file grows by appending. */
 vorx_tmu_writer_t *vorx_tmu_file_writer_create(const char *path);
+/* A file writer opens its file at once and keeps it open from then on (above the program's usual
+ * descriptor numbers), for a file that the process may lose the right to open later. Before each spill
+ * it checks that its descriptor still names the file it opened, and opens the file again when not.
+ * 0 for writers of other kinds. */
+int vorx_tmu_writer_keep_open(vorx_tmu_writer_t *w);
 /* A descriptor open from the start; close leaves it open. */
 vorx_tmu_writer_t *vorx_tmu_file_desc_writer_create(int fd);
 /* A local channel of the communication layer: connects once, at the first open. */
@@ -63,8 +78,10 @@ typedef vorx_u32_t (*vorx_tmu_length_cb)(const void *record);
 typedef void (*vorx_tmu_encode_cb)(void *dest, const void *record, vorx_u32_t size);
 
 typedef struct vorx_tmu_buffer {
-  vorx_u8_t *head;
-  vorx_u32_t size;
+  vorx_u8_t *head;                /* null until the first record */
+  vorx_u32_t size;                /* bytes at head */
+  vorx_u32_t share;               /* bytes the buffer may grow to, granted by the limit */
+  vorx_u32_t records;             /* records in the buffer: what a refused write loses */
   vorx_u8_t *write_ptr;
   vorx_u64_t start_time;          /* system time of the first record, in ring mode */
   volatile vorx_s32_t pend_writes_cntr; /* reservations not yet confirmed (atomic) */
@@ -76,7 +93,7 @@ typedef struct vorx_tmu_buffer {
 typedef struct vorx_tmu_lease {
   volatile vorx_u32_t *held_lock;
   vorx_tmu_buffer_t *buffer;
-  int ok; /* 0: the spill that made room failed, the record is lost */
+  int ok; /* 0: no room could be had, the record is dropped (and counted) */
 } vorx_tmu_lease_t;
 
 struct vorx_tmu {
@@ -119,6 +136,8 @@ struct vorx_tmu {
   vorx_u32_t type;
   vorx_tmu_t *prev, *next; /* place in the process's list of units */
   vorx_u32_t buffer_num;   /* buffers of this type in normal mode */
+  vorx_u8_t is_process_trace; /* takes the buffers of units that cannot open their own files */
+  volatile vorx_u64_t records_lost; /* dropped records of this unit (atomic) */
 };
 
 /* Two-phase write: room for size bytes in the active buffer; confirm_record when written. */
@@ -135,6 +154,7 @@ static inline void *vorx_tmu_take_in_place(vorx_tmu_t *tmu, vorx_u32_t size, vor
   if ((vorx_u32_t)(active->head + active->size - active->write_ptr) < size) return 0;
   void *dest = active->write_ptr;
   active->write_ptr += size;
+  active->records++;
   lease->held_lock = &tmu->buffer_lock;
   lease->buffer = 0;
   lease->ok = 1;
@@ -170,6 +190,19 @@ void vorx_tmu_disable_magic_record(vorx_tmu_t *tmu);
 void vorx_tmu_set_ring_buffer_duration(vorx_tmu_t *tmu, vorx_u32_t seconds);
 void vorx_tmu_set_mode(vorx_tmu_t *tmu, vorx_u32_t mode);
 
+/* The unit becomes the process trace: its file is opened now, while the program still has the rights
+ * it started with, and stays open (on a high descriptor, checked to be still the same file before each
+ * spill), and it takes the buffers of every unit that cannot open its own file. Until the unit is freed. */
+void vorx_tmu_keep_as_process_trace(vorx_tmu_t *tmu);
+
+/* Why records were dropped, as bits of vorx_tmu_loss_causes. */
+#define VORX_TMU_LOST_WRITE 1u  /* the writer refused a buffer: a full or read-only disk, no rights */
+#define VORX_TMU_LOST_MEMORY 2u /* no memory for a buffer */
+#define VORX_TMU_LOST_SIZE 4u   /* a record beyond VORX_TMU_MAX_BUFFER_SIZE */
+/* Records dropped by all units of the process, and the causes seen. */
+vorx_u64_t vorx_tmu_records_lost(void);
+vorx_u32_t vorx_tmu_loss_causes(void);
+
 /* Spills and detaches every unit (writes vanish afterwards without error). */
 void vorx_tmu_adjust_all_tmus(void);
 /* Spills every unit, closes its writer and frees its buffers. */
@@ -177,7 +210,7 @@ void vorx_tmu_free_all_tmus(void);
 /* In a forked child: forget the parent's units without writing or locking them. */
 void vorx_tmu_forget_all_after_fork(void);
 
-/* Bytes held by buffers of units outside ring mode, and the limit on them. */
+/* Bytes granted to buffers of units outside ring mode (their shares), and the limit on them. */
 vorx_u64_t vorx_tmu_memory_consumption(void);
 vorx_u64_t vorx_tmu_memory_limit(void);
 

@@ -6,6 +6,8 @@
 #include "vorx_traceformat.h"
 
 #include <stdio.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -32,6 +34,14 @@ static vorx_tmu_t g_tmu_list = {.prev = &g_tmu_list, .next = &g_tmu_list};
 static vorx_mutex_t g_tmu_list_mutex = PTHREAD_MUTEX_INITIALIZER;
 /* Bytes of buffers of units outside ring mode; changed atomically. */
 static vorx_u64_t g_tmu_memory_consumption;
+/* Records dropped by all units, and the VORX_TMU_LOST_* causes seen; changed atomically. */
+static vorx_u64_t g_tmu_records_lost;
+static vorx_u32_t g_tmu_loss_causes;
+/* The process trace that takes the buffers of units that cannot open their own files; its mutex is held
+ * while such a buffer is written, so that the unit is not freed meanwhile. Taken after any unit's locks,
+ * never while the process trace's own spill_lock is held. */
+static vorx_tmu_t *g_process_trace;
+static vorx_mutex_t g_process_trace_mutex = PTHREAD_MUTEX_INITIALIZER;
 /* Decided by the first vorx_tmu_creator_alloc. */
 static vorx_u64_t g_tmu_memory_limit = VORX_TMU_DEFAULT_LIMIT;
 /* The compressor pool, replaced only by vorx_tmu_creator_set_compression_level. */
@@ -46,7 +56,7 @@ static const vorx_u8_t k_magic[8] = {0x00, 0x00, 0x00, 0x08, 0xFA, 0xDE, 0xDE, 0
 void vorx_tmu_sleep_poll(void)
 {
   struct timespec ts = {0, VORX_TMU_POLL_NS};
-  nanosleep(&ts, NULL);
+  syscall(SYS_nanosleep, &ts, NULL); /* the library's nanosleep is a cancellation point */
 }
 
 static void consumption_add(vorx_u64_t n) { __atomic_add_fetch(&g_tmu_memory_consumption, n, __ATOMIC_SEQ_CST); }
@@ -55,6 +65,17 @@ vorx_u64_t vorx_tmu_memory_consumption(void) { return __atomic_load_n(&g_tmu_mem
 vorx_u64_t vorx_tmu_memory_limit(void) { return g_tmu_memory_limit; }
 
 int vorx_tmu_compression_enabled(void) { return g_compressor_pool != NULL; }
+
+vorx_u64_t vorx_tmu_records_lost(void) { return __atomic_load_n(&g_tmu_records_lost, __ATOMIC_SEQ_CST); }
+vorx_u32_t vorx_tmu_loss_causes(void) { return __atomic_load_n(&g_tmu_loss_causes, __ATOMIC_SEQ_CST); }
+
+static void count_lost(vorx_tmu_t *tmu, vorx_u64_t records, vorx_u32_t cause)
+{
+  if (!records) return;
+  __atomic_add_fetch(&tmu->records_lost, records, __ATOMIC_SEQ_CST);
+  __atomic_add_fetch(&g_tmu_records_lost, records, __ATOMIC_SEQ_CST);
+  __atomic_or_fetch(&g_tmu_loss_causes, cause, __ATOMIC_SEQ_CST);
+}
 
 static vorx_u64_t system_now(void) { return sal_system_time(); }
 
@@ -67,19 +88,19 @@ static vorx_u64_t system_freq(void)
 
 /* ------------------------------------------------------------------ buffers */
 
-static void buffer_alloc(vorx_tmu_buffer_t *buf, vorx_u32_t size)
+/* A buffer with its share and no memory yet: the first record takes it. */
+static void buffer_init(vorx_tmu_buffer_t *buf, vorx_u32_t share)
 {
   memset(buf, 0, sizeof *buf);
-  buf->head = malloc(size);
-  TMU_ASSERT(buf->head != ((void*)0));
-  buf->size = size;
-  buf->write_ptr = buf->head;
+  buf->share = share;
 }
 
 static void buffer_free(vorx_tmu_buffer_t *buf)
 {
   free(buf->head);
   buf->head = buf->write_ptr = NULL;
+  buf->size = 0;
+  buf->records = 0;
 }
 
 static int buffer_empty(const vorx_tmu_buffer_t *buf) { return buf->write_ptr == buf->head; }
@@ -89,43 +110,102 @@ static void wait_confirmations(vorx_tmu_buffer_t *buf)
   while (__atomic_load_n(&buf->pend_writes_cntr, __ATOMIC_ACQUIRE) != 0) vorx_tmu_sleep_poll();
 }
 
-static vorx_u32_t pool_bytes(const vorx_tmu_t *tmu) { return tmu->pool.buffs[0].size * tmu->pool.buf_num; }
+static int fits(const vorx_tmu_buffer_t *b, vorx_u32_t size)
+{
+  return (vorx_u32_t)(b->head + b->size - b->write_ptr) >= size;
+}
 
-/* Replaces the pool by count empty buffers of size bytes. */
+/* Room for `needed` more bytes by growing the buffer toward its share, doubling from the first size with
+ * the records kept. The caller holds buffer_lock. 0 when the share is reached or no memory could be had:
+ * the buffer is then as it was. */
+static int buffer_grow(vorx_tmu_buffer_t *buf, vorx_u32_t needed)
+{
+  vorx_u32_t used = (vorx_u32_t)(buf->write_ptr - buf->head);
+  if (buf->share < used || buf->share - used < needed) return 0;
+  vorx_u32_t grown = buf->size ? buf->size : VORX_TMU_FIRST_BUFFER_SIZE;
+  while (grown - used < needed && grown < buf->share) grown *= 2;
+  if (grown > buf->share) grown = buf->share;
+  wait_confirmations(buf); /* records reserved outside the lock point into the old block */
+  vorx_u8_t *head = realloc(buf->head, grown);
+  if (!head) return 0;
+  buf->head = head;
+  buf->write_ptr = head + used;
+  buf->size = grown;
+  return 1;
+}
+
+/* Room for size bytes, growing the buffer when it must. */
+static int room_for(vorx_tmu_buffer_t *buf, vorx_u32_t size) { return fits(buf, size) || buffer_grow(buf, size); }
+
+static vorx_u32_t pool_bytes(const vorx_tmu_t *tmu) { return tmu->pool.buffs[0].share * tmu->pool.buf_num; }
+
+/* Replaces the pool by count empty buffers with a share of size bytes. Without memory for more buffer
+ * descriptors the unit keeps the ones it has: fewer buffers, but a working unit. */
 static void pool_rebuild(vorx_tmu_t *tmu, vorx_u32_t count, vorx_u32_t size)
 {
   for (vorx_u32_t i = 0; i < tmu->pool.buf_num; i++) buffer_free(&tmu->pool.buffs[i]);
-  free(tmu->pool.buffs);
-  tmu->pool.buffs = calloc(count, sizeof *tmu->pool.buffs);
-  TMU_ASSERT(tmu->pool.buffs != ((void*)0));
-  for (vorx_u32_t i = 0; i < count; i++) buffer_alloc(&tmu->pool.buffs[i], size);
+  if (count > tmu->pool.buf_num) {
+    vorx_tmu_buffer_t *buffs = realloc(tmu->pool.buffs, count * sizeof *buffs);
+    if (buffs) tmu->pool.buffs = buffs;
+    else count = tmu->pool.buf_num;
+  }
+  for (vorx_u32_t i = 0; i < count; i++) buffer_init(&tmu->pool.buffs[i], size);
   tmu->pool.buf_num = count;
   tmu->pool.active = 0;
 }
 
 /* ------------------------------------------------------------------ spilling */
 
-/* Writes one buffer out; the caller holds spill_lock and has waited for confirmations.
- * A writer that can't be opened keeps the buffer for the next spill; otherwise the buffer is
- * emptied whatever happened. */
+enum { k_written = 1, k_refused = 0, k_not_open = -1 };
+
+/* Bytes to the unit's writer, behind the magic record when the stream is new. The caller holds spill_lock. */
+static int write_out(vorx_tmu_t *tmu, const void *bytes, vorx_u32_t length)
+{
+  vorx_tmu_writer_t *w = tmu->writer;
+  if (!w || (!w->is_open(w) && !w->open(w))) return k_not_open;
+  int res = k_written;
+  if (!tmu->magic_written) {
+    res = w->write(w, k_magic, sizeof k_magic) ? k_written : k_refused;
+    tmu->magic_written = res == k_written;
+  }
+  if (res == k_written) {
+    int compress = g_compressor_pool && !tmu->no_compression;
+    res = (compress ? vorx_tmu_write_compressed(tmu, bytes, length) : w->write(w, bytes, length)) ? k_written : k_refused;
+  }
+  if (w->close_after_spill(w)) w->close(w);
+  return res;
+}
+
+/* A buffer of a unit that cannot open its own file (the program dropped the rights it had when the unit
+ * was made): into the process trace, whose file is open. Records are whole in both, so the stream stays
+ * one of whole records. */
+static int write_to_process_trace(const void *bytes, vorx_u32_t length)
+{
+  vorx_mutex_lock(&g_process_trace_mutex);
+  vorx_tmu_t *trace = g_process_trace;
+  int res = k_not_open;
+  if (trace) {
+    vorx_mutex_lock(&trace->spill_lock);
+    res = write_out(trace, bytes, length);
+    vorx_mutex_unlock(&trace->spill_lock);
+  }
+  vorx_mutex_unlock(&g_process_trace_mutex);
+  return res;
+}
+
+/* Writes one buffer out and empties it; the caller holds spill_lock and has waited for confirmations.
+ * Records that reach no file are counted lost. */
 static int write_buffer(vorx_tmu_t *tmu, vorx_tmu_buffer_t *buf)
 {
   if (buffer_empty(buf)) return 1;
-  vorx_tmu_writer_t *w = tmu->writer;
-  if (!w) return 0;
-  if (!w->is_open(w) && !w->open(w)) return 0;
-  if (!tmu->magic_written) {
-    if (!w->write(w, k_magic, sizeof k_magic)) TMU_FATAL("Cannot write magic record to trace");
-    tmu->magic_written = 1;
-  }
   vorx_u32_t used = (vorx_u32_t)(buf->write_ptr - buf->head);
-  int res;
-  if (!g_compressor_pool || tmu->no_compression) res = w->write(w, buf->head, used);
-  else res = vorx_tmu_write_compressed(tmu, buf->head, used);
-  if (w->close_after_spill(w)) w->close(w);
+  int res = write_out(tmu, buf->head, used);
+  if (res == k_not_open && !tmu->is_process_trace) res = write_to_process_trace(buf->head, used);
+  if (res != k_written) count_lost(tmu, buf->records, VORX_TMU_LOST_WRITE);
   buf->write_ptr = buf->head;
+  buf->records = 0;
   buf->spills++;
-  return res;
+  return res == k_written;
 }
 
 static int spill_locked(vorx_tmu_t *tmu)
@@ -136,12 +216,13 @@ static int spill_locked(vorx_tmu_t *tmu)
     return write_buffer(tmu, buf);
   }
   /* Ring order: the buffer after the active one holds the oldest records. */
+  int res = 1;
   for (vorx_u32_t i = 1; i <= tmu->pool.buf_num; i++) {
     vorx_tmu_buffer_t *buf = &tmu->pool.buffs[(tmu->pool.active + i) % tmu->pool.buf_num];
     wait_confirmations(buf);
-    if (!write_buffer(tmu, buf)) return 0;
+    res &= write_buffer(tmu, buf);
   }
-  return 1;
+  return res;
 }
 
 static int tmu_spill(vorx_tmu_t *tmu)
@@ -156,22 +237,15 @@ static int tmu_spill(vorx_tmu_t *tmu)
 
 /* ------------------------------------------------------------------ resize */
 
-/* Normal mode: spill, then buffers anew at the new size. Ring mode only grows, in place and
- * with the content kept; the descriptors keep their size. */
+/* A new share for every buffer. Normal mode spills and starts the buffers anew (their memory follows the
+ * records again). Ring mode only grows, with the content kept: the memory follows when a buffer fills. */
 static void resize(vorx_tmu_t *tmu, vorx_u32_t size)
 {
   unit_lock(&tmu->buffer_lock);
   vorx_mutex_lock(&tmu->spill_lock);
   if (tmu->mode == vorx_tmu_mode_ring) {
-    /* Only growth: a ring keeps its history, and a smaller block could not hold it. */
-    for (vorx_u32_t i = 0; i < tmu->pool.buf_num && size > tmu->pool.buffs[i].size; i++) {
-      vorx_tmu_buffer_t *b = &tmu->pool.buffs[i];
-      vorx_u32_t used = (vorx_u32_t)(b->write_ptr - b->head);
-      vorx_u8_t *head = realloc(b->head, size);
-      TMU_ASSERT(head != ((void*)0));
-      b->head = head;
-      b->write_ptr = head + used;
-    }
+    for (vorx_u32_t i = 0; i < tmu->pool.buf_num; i++)
+      if (size > tmu->pool.buffs[i].share) tmu->pool.buffs[i].share = size;
   } else {
     spill_locked(tmu);
     pool_rebuild(tmu, tmu->pool.buf_num, size);
@@ -209,14 +283,15 @@ static int ring_may_grow(void)
   return !(limit < vsize || limit - vsize < 0x8000000ull);
 }
 
-/* A new buffer of the current size directly behind the active one. */
-static vorx_u32_t ring_grow(vorx_tmu_t *tmu)
+/* A new buffer directly behind the active one; without memory for it, the next one, whose old records
+ * give way as they do when the ring may not grow. */
+static vorx_u32_t ring_grow(vorx_tmu_t *tmu, vorx_u32_t next)
 {
   vorx_u32_t n = tmu->pool.buf_num, at = tmu->pool.active + 1;
   vorx_tmu_buffer_t *buffs = realloc(tmu->pool.buffs, (n + 1) * sizeof *buffs);
-  TMU_ASSERT(buffs != ((void*)0));
+  if (!buffs) return next;
   memmove(&buffs[at + 1], &buffs[at], (n - at) * sizeof *buffs);
-  buffer_alloc(&buffs[at], buffs[0].size);
+  buffer_init(&buffs[at], buffs[0].share);
   tmu->pool.buffs = buffs;
   tmu->pool.buf_num = n + 1;
   return at;
@@ -232,11 +307,12 @@ static void alloc_or_switch_buffers(vorx_tmu_t *tmu)
   if (!buffer_empty(&tmu->pool.buffs[next])) {
     const vorx_tmu_buffer_t *after = &tmu->pool.buffs[(tmu->pool.active + 2) % n];
     vorx_u64_t age = (system_now() - after->start_time) / system_freq();
-    if (!(age > tmu->ring_duration) && ring_may_grow()) chosen = ring_grow(tmu);
+    if (!(age > tmu->ring_duration) && ring_may_grow()) chosen = ring_grow(tmu, next);
   }
   vorx_tmu_buffer_t *b = &tmu->pool.buffs[chosen];
   wait_confirmations(b);
   b->write_ptr = b->head;
+  b->records = 0; /* a ring forgets its oldest records by design: they are not lost ones */
   b->start_time = system_now();
   tmu->pool.active = chosen;
   tmu->switches++;
@@ -250,27 +326,20 @@ static void take_room(vorx_tmu_t *tmu, vorx_tmu_buffer_t *active, vorx_u32_t siz
   TMU_ASSERT((active)->head <= (active)->write_ptr && (active)->write_ptr + size <= (active)->head + (active)->size);
   *record = active->write_ptr;
   active->write_ptr += size;
+  active->records++;
   if (tmu->locked) __atomic_add_fetch(&active->pend_writes_cntr, 1, __ATOMIC_ACQ_REL);
   *buffer = active;
 }
 
-static int fits(const vorx_tmu_buffer_t *b, vorx_u32_t size)
+/* A record beyond the buffers' share: double the share until it fits; 0 beyond VORX_TMU_MAX_BUFFER_SIZE. */
+static int grow_for_record(vorx_tmu_t *tmu, vorx_u32_t size)
 {
-  return (vorx_u32_t)(b->head + b->size - b->write_ptr) >= size;
-}
-
-/* A record beyond the buffers: double them until it fits. Ring buffers grow in place but keep
- * their recorded size, so such a record stops at the bounds assertion there. */
-static void grow_for_record(vorx_tmu_t *tmu, vorx_u32_t size)
-{
-  vorx_u32_t old = tmu->pool.buffs[0].size, grown = old;
+  vorx_u32_t old = tmu->pool.buffs[0].share, grown = old ? old : VORX_TMU_FIRST_BUFFER_SIZE;
   while (grown <= size && grown <= VORX_TMU_MAX_BUFFER_SIZE) grown *= 2;
-  if (grown > VORX_TMU_MAX_BUFFER_SIZE) {
-    const struct { vorx_tmu_buffer_t *buffs; } *pool = (const void *)&tmu->pool;
-    TMU_ASSERT(size <= pool->buffs[0].size);
-  }
+  if (grown > VORX_TMU_MAX_BUFFER_SIZE) return 0;
   resize(tmu, grown);
   if (tmu->mode != vorx_tmu_mode_ring) consumption_add((vorx_u64_t)(grown - old) * tmu->pool.buf_num);
+  return 1;
 }
 
 /* One buffer: write it out, then reserve at its start. Holds both locks throughout. */
@@ -278,12 +347,13 @@ static int reserve_after_spill(vorx_tmu_t *tmu, vorx_tmu_buffer_t *active, vorx_
                                vorx_tmu_buffer_t **buffer)
 {
   wait_confirmations(active);
-  int res = write_buffer(tmu, active);
-  active->write_ptr = active->head; /* a writer that can't open loses the buffer here */
-  take_room(tmu, active, size, record, buffer);
+  write_buffer(tmu, active);
+  int placed = room_for(active, size);
+  if (placed) take_room(tmu, active, size, record, buffer);
   vorx_mutex_unlock(&tmu->spill_lock);
   unit_unlock(&tmu->buffer_lock);
-  return res;
+  if (!placed) count_lost(tmu, 1, VORX_TMU_LOST_MEMORY);
+  return placed;
 }
 
 /* Several buffers: switch at once, so that other threads go on writing into the next buffer
@@ -295,26 +365,30 @@ static int reserve_after_switch(vorx_tmu_t *tmu, vorx_tmu_buffer_t *active, vorx
   tmu->pool.active = (vorx_u32_t)(tmu->switches % tmu->pool.buf_num);
   vorx_tmu_buffer_t *next = &tmu->pool.buffs[tmu->pool.active];
   TMU_ASSERT(buffer_empty(next));
-  take_room(tmu, next, size, record, buffer);
+  int placed = room_for(next, size);
+  if (placed) take_room(tmu, next, size, record, buffer);
   unit_unlock(&tmu->buffer_lock);
   wait_confirmations(active);
-  int res = write_buffer(tmu, active);
-  active->write_ptr = active->head;
+  write_buffer(tmu, active);
   vorx_mutex_unlock(&tmu->spill_lock);
-  return res;
+  if (!placed) count_lost(tmu, 1, VORX_TMU_LOST_MEMORY);
+  return placed;
 }
 
+/* 1 with room for the record; 0 when it is dropped (and counted): no memory for it, or too big. */
 int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_tmu_buffer_t **buffer)
 {
   TMU_ASSERT((size) != 0);
-  if (size >= tmu->pool.buffs[0].size) grow_for_record(tmu, size);
+  *record = NULL;
+  *buffer = NULL;
+  if (size >= tmu->pool.buffs[0].share && !grow_for_record(tmu, size)) {
+    count_lost(tmu, 1, VORX_TMU_LOST_SIZE);
+    return 0;
+  }
   unit_lock(&tmu->buffer_lock);
   vorx_tmu_buffer_t *active = &tmu->pool.buffs[tmu->pool.active];
-  if (tmu->mode == vorx_tmu_mode_ring && buffer_empty(active)) {
-    TMU_ASSERT(((active)->write_ptr == (active)->head));
-    active->start_time = system_now();
-  }
-  if (!fits(active, size)) {
+  if (tmu->mode == vorx_tmu_mode_ring && buffer_empty(active)) active->start_time = system_now();
+  if (!room_for(active, size)) {
     if (tmu->mode != vorx_tmu_mode_ring) {
       vorx_mutex_lock(&tmu->spill_lock);
       if (tmu->pool.buf_num == 1) return reserve_after_spill(tmu, active, size, record, buffer);
@@ -322,6 +396,11 @@ int vorx_tmu_alloc_record(vorx_tmu_t *tmu, vorx_u32_t size, void **record, vorx_
     }
     alloc_or_switch_buffers(tmu);
     active = &tmu->pool.buffs[tmu->pool.active];
+    if (!room_for(active, size)) {
+      unit_unlock(&tmu->buffer_lock);
+      count_lost(tmu, 1, VORX_TMU_LOST_MEMORY);
+      return 0;
+    }
   }
   take_room(tmu, active, size, record, buffer);
   unit_unlock(&tmu->buffer_lock);
@@ -346,7 +425,7 @@ static void *tmu_open_record(vorx_tmu_t *tmu, vorx_u32_t size, vorx_tmu_lease_t 
     void *dest = tmu->mode == vorx_tmu_mode_ring && buffer_empty(active) ? NULL
                                                                          : vorx_tmu_take_in_place(tmu, size, lease);
     if (dest) return dest;
-    unit_unlock(&tmu->buffer_lock); /* a spill, a switch or a ring's first record: the full path */
+    unit_unlock(&tmu->buffer_lock); /* a spill, a switch, a buffer to grow or a ring's first record */
   }
   void *dest;
   lease->held_lock = NULL;
@@ -373,6 +452,7 @@ static int tmu_put_record(vorx_tmu_t *tmu, const void *head, vorx_u32_t head_siz
   vorx_u32_t size = head_size + tail_size;
   vorx_tmu_lease_t lease;
   vorx_u8_t *dest = tmu_open_record(tmu, size, &lease);
+  if (!dest) return 0;
   if (size <= VORX_TMU_SMALL_RECORD) {
     copy_small(copy_small(dest, head, head_size), tail, tail_size);
   } else {
@@ -387,10 +467,10 @@ static int tmu_put_encoded(vorx_tmu_t *tmu, const void *record)
   vorx_u32_t size = tmu->calculate_length(record);
   void *dest;
   vorx_tmu_buffer_t *buf;
-  int res = vorx_tmu_alloc_record(tmu, size, &dest, &buf);
+  if (!vorx_tmu_alloc_record(tmu, size, &dest, &buf)) return 0;
   tmu->encode_data(dest, record, size);
   tmu->confirm_record(tmu, buf);
-  return res;
+  return 1;
 }
 
 /* ------------------------------------------------------------------ states */
@@ -442,8 +522,8 @@ static void reset_for_new_writer(vorx_tmu_t *tmu, int rebuild_pool)
 {
   if (!tmu->writer) return;
   if (rebuild_pool) {
-    if (tmu->mode == vorx_tmu_mode_ring) consumption_add((vorx_u64_t)tmu->pool.buffs[0].size * tmu->buffer_num);
-    pool_rebuild(tmu, tmu->buffer_num, tmu->pool.buffs[0].size);
+    if (tmu->mode == vorx_tmu_mode_ring) consumption_add((vorx_u64_t)tmu->pool.buffs[0].share * tmu->buffer_num);
+    pool_rebuild(tmu, tmu->buffer_num, tmu->pool.buffs[0].share);
     tmu->mode = vorx_tmu_mode_normal;
   }
   writer_close_destroy(tmu);
@@ -498,11 +578,11 @@ void vorx_tmu_set_mode(vorx_tmu_t *tmu, vorx_u32_t mode)
   while (tmu->writer && !__atomic_load_n(&tmu->writer_ready, __ATOMIC_ACQUIRE)) vorx_tmu_sleep_poll();
   unit_lock(&tmu->buffer_lock);
   vorx_mutex_lock(&tmu->spill_lock);
-  vorx_u32_t size = tmu->pool.buffs[0].size;
+  vorx_u32_t size = tmu->pool.buffs[0].share;
   if (mode == vorx_tmu_mode_ring) {
     /* Ring memory is outside the limit: the ring decides its own growth. */
     vorx_tmu_t *itmu = tmu;
-    TMU_ASSERT(g_tmu_memory_consumption >= (vorx_u64_t)itmu->pool.buffs[0].size * itmu->pool.buf_num);
+    TMU_ASSERT(g_tmu_memory_consumption >= (vorx_u64_t)itmu->pool.buffs[0].share * itmu->pool.buf_num);
     consumption_sub((vorx_u64_t)pool_bytes(tmu));
     pool_rebuild(tmu, 2, size);
   } else {
@@ -542,7 +622,7 @@ static vorx_tmu_t *choose_victim(void)
   if (victim == &g_tmu_list) return NULL;
   for (vorx_tmu_t *t = victim->next; t != &g_tmu_list; t = t->next) {
     if (t->mode == vorx_tmu_mode_ring) continue;
-    vorx_u32_t ts = t->pool.buffs[0].size, vs = victim->pool.buffs[0].size;
+    vorx_u32_t ts = t->pool.buffs[0].share, vs = victim->pool.buffs[0].share;
     if (ts > vs || (ts == vs && t->switches < victim->switches)) victim = t;
   }
   return victim;
@@ -561,7 +641,7 @@ static vorx_u32_t buffer_size_for_new_unit(vorx_u32_t buf_num)
     consumption_add(share);
     return VORX_TMU_BUFFER_SIZE;
   }
-  vorx_u32_t old = victim->pool.buffs[0].size;
+  vorx_u32_t old = victim->pool.buffs[0].share;
   resize(victim, old / 2);
   return buf_num == 1 ? old / 2 : old / 4;
 }
@@ -580,12 +660,14 @@ static vorx_tmu_t *unit_create(vorx_u32_t type)
     return NULL;
   }
   vorx_tmu_t *obj = calloc(1, sizeof *obj);
-  TMU_ASSERT(obj != ((void*)0));
+  if (obj) obj->pool.buffs = calloc(buf_num, sizeof *obj->pool.buffs);
+  if (!obj || !obj->pool.buffs) {
+    free(obj);
+    return NULL;
+  }
   vorx_mutex_lock(&g_tmu_list_mutex);
   vorx_u32_t size = buffer_size_for_new_unit(buf_num);
-  obj->pool.buffs = calloc(buf_num, sizeof *obj->pool.buffs);
-  TMU_ASSERT(obj->pool.buffs != ((void*)0));
-  for (vorx_u32_t i = 0; i < buf_num; i++) buffer_alloc(&obj->pool.buffs[i], size);
+  for (vorx_u32_t i = 0; i < buf_num; i++) buffer_init(&obj->pool.buffs[i], size);
   obj->pool.buf_num = buf_num;
   obj->buffer_num = buf_num;
   obj->type = type;
@@ -604,10 +686,33 @@ static vorx_tmu_t *unit_create(vorx_u32_t type)
   return obj;
 }
 
+/* Other units' buffers no longer come to it; a write of one in flight ends first. */
+static void stop_being_process_trace(vorx_tmu_t *tmu)
+{
+  if (!tmu->is_process_trace) return;
+  vorx_mutex_lock(&g_process_trace_mutex);
+  if (g_process_trace == tmu) g_process_trace = NULL;
+  vorx_mutex_unlock(&g_process_trace_mutex);
+  tmu->is_process_trace = 0;
+}
+
+void vorx_tmu_keep_as_process_trace(vorx_tmu_t *tmu)
+{
+  if (!tmu) return;
+  vorx_mutex_lock(&tmu->spill_lock);
+  if (tmu->writer) vorx_tmu_writer_keep_open(tmu->writer);
+  tmu->is_process_trace = 1;
+  vorx_mutex_unlock(&tmu->spill_lock);
+  vorx_mutex_lock(&g_process_trace_mutex);
+  g_process_trace = tmu;
+  vorx_mutex_unlock(&g_process_trace_mutex);
+}
+
 /* Returns the unit's buffers to the process; the unit's block itself stays. */
 static void unit_release(vorx_tmu_t *tmu, int spill)
 {
   if (spill) tmu->spill(tmu);
+  stop_being_process_trace(tmu);
   install_idle(tmu);
   unit_lock(&tmu->buffer_lock);
   vorx_mutex_lock(&tmu->spill_lock);
@@ -630,13 +735,16 @@ static void detach_unit(vorx_tmu_t *tmu)
   if (w && w->close_after_spill(w) && w->is_open(w)) w->close(w);
 }
 
+/* The process trace goes last: the other units may still need it for their last buffers. */
 void vorx_tmu_adjust_all_tmus(void)
 {
   vorx_mutex_lock(&g_tmu_list_mutex);
-  for (vorx_tmu_t *t = g_tmu_list.next; t != &g_tmu_list; t = t->next) {
-    t->spill(t);
-    detach_unit(t);
-  }
+  for (int trace_pass = 0; trace_pass < 2; trace_pass++)
+    for (vorx_tmu_t *t = g_tmu_list.next; t != &g_tmu_list; t = t->next) {
+      if (t->is_process_trace != trace_pass) continue;
+      t->spill(t);
+      detach_unit(t);
+    }
   vorx_mutex_unlock(&g_tmu_list_mutex);
 }
 
@@ -649,7 +757,14 @@ void vorx_tmu_forget_all_after_fork(void)
   g_tmu_list.prev = g_tmu_list.next = &g_tmu_list;
   pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
   g_tmu_list_mutex = fresh;
+  g_process_trace_mutex = fresh;
+  /* The parent's process trace is the parent's: only the child's copy of its descriptor goes. */
+  vorx_tmu_t *trace = g_process_trace;
+  if (trace && trace->writer && trace->writer->is_open(trace->writer)) trace->writer->close(trace->writer);
+  g_process_trace = NULL;
   __atomic_store_n(&g_tmu_memory_consumption, 0, __ATOMIC_SEQ_CST);
+  __atomic_store_n(&g_tmu_records_lost, 0, __ATOMIC_SEQ_CST);
+  __atomic_store_n(&g_tmu_loss_causes, 0, __ATOMIC_SEQ_CST);
 }
 
 void vorx_tmu_free_all_tmus(void)
@@ -657,6 +772,7 @@ void vorx_tmu_free_all_tmus(void)
   vorx_mutex_lock(&g_tmu_list_mutex);
   while (g_tmu_list.next != &g_tmu_list) {
     vorx_tmu_t *t = g_tmu_list.next;
+    while (t->is_process_trace && t->next != &g_tmu_list) t = t->next; /* the process trace last */
     list_remove(t);
     unit_release(t, 1);
   }
@@ -781,6 +897,10 @@ void vorx_tmu_creator_set_write_record_callbacks(vorx_tmu_creator_t *c, vorx_tmu
 
 /* ------------------------------------------------------------------ compression */
 
+/* The block is deflated behind room for its header in the compressor's own output, so that header and
+ * block go out in one write, which the writer makes whole or takes back. A buffer the compressor cannot
+ * take (a record grew it beyond the compressors' capacity) goes out as it is: plain records may stand
+ * between compressed blocks. */
 int vorx_tmu_write_compressed(vorx_tmu_t *tmu, const void *data, vorx_u32_t length)
 {
   vorx_pool *pool = g_compressor_pool;
@@ -788,27 +908,21 @@ int vorx_tmu_write_compressed(vorx_tmu_t *tmu, const void *data, vorx_u32_t leng
   pool->vtbl->get(pool, &item); /* blocks until a compressor is free */
   xl_compressor_t *c = ((vorx_compressor_item_t *)item)->compressor;
   vorx_tmu_writer_t *w = tmu->writer;
-  if (!c || c->set_buffer(c, data, length) != 0) {
-    pool->vtbl->put(pool, item);
-    TMU_FATAL("compressor: can't set buffer");
-  }
+  vorx_u8_t frame[16];
+  vorx_u32_t frame_size = tf_compressed_put_head(frame, 0);
+  int res;
   void *out = NULL;
   vorx_u32_t out_len = 0;
-  if (c->process(c, &out, &out_len) != 0) {
-    pool->vtbl->put(pool, item);
-    TMU_FATAL("compressor: can't process buffer");
+  if (c && c->type(c) == XL_COMPRESSOR_ZLIB && c->output_size > frame_size && c->set_buffer(c, data, length) == 0) {
+    out = c->output + frame_size;
+    out_len = c->output_size - frame_size;
   }
-  if (c->type(c) != XL_COMPRESSOR_ZLIB) {
-    pool->vtbl->put(pool, item);
-    TMU_FATAL("compressor: unsupported compressor's type");
+  if (out && c->process(c, &out, &out_len) == 0) {
+    tf_compressed_put_head(c->output, out_len);
+    res = w->write(w, c->output, frame_size + out_len);
+  } else {
+    res = w->write(w, data, length);
   }
-  vorx_u8_t frame[10];
-  tf_compressed_put_head(frame, out_len);
-  if (!w->write(w, frame, sizeof frame)) {
-    pool->vtbl->put(pool, item);
-    TMU_FATAL("Cannot write compressed header file to trace");
-  }
-  if (!w->write(w, out, out_len)) TMU_FATAL("Cannot write compressed record to trace file");
   pool->vtbl->put(pool, item);
-  return 1;
+  return res;
 }

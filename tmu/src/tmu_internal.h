@@ -8,8 +8,6 @@
 
 SAL_DECLARE_ASSERT_ROUTINE(vorx_tmu)
 #define TMU_ASSERT(cond) SAL_ASSERT_WITH(vorx_tmu_assert_fail, cond)
-/* A fatal failure with a message of its own. */
-#define TMU_FATAL(text) vorx_tmu_assert_fail(__FILE__, __LINE__, __func__, text, "%s", "")
 
 /* Deflates one buffer through the process's pool and writes it as a compressed block. */
 int vorx_tmu_write_compressed(vorx_tmu_t *tmu, const void *data, vorx_u32_t length);

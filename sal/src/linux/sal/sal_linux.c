@@ -132,6 +132,41 @@ int sal_sync(int fd)
     return (int)syscall(SYS_fsync, fd);
 }
 
+int sal_truncate(int fd, vorx_s64_t length)
+{
+    return ftruncate64(fd, length);
+}
+
+/* fstat through the kernel: the tool domain's fstat answers the size alone. */
+vorx_bool_t sal_file_identity(int fd, vorx_u64_t *device, vorx_u64_t *inode)
+{
+    struct stat64 st;
+#ifdef SYS_fstat64
+    long result = sal_raw_syscall2(SYS_fstat64, fd, (long)&st);
+#else
+    long result = sal_raw_syscall2(SYS_fstat, fd, (long)&st);
+#endif
+    if (result != 0)
+        return 0;
+    *device = (vorx_u64_t)st.st_dev;
+    *inode = (vorx_u64_t)st.st_ino;
+    return 1;
+}
+
+int sal_move_descriptor_high(int fd)
+{
+    enum { floor = 512 };
+    if (fd < 0 || fd >= floor)
+        return fd;
+    int high = fcntl(fd, F_DUPFD_CLOEXEC, floor);
+    if (high < 0) {
+        fcntl(fd, F_SETFD, FD_CLOEXEC);
+        return fd;
+    }
+    sal_close(fd);
+    return high;
+}
+
 int sal_delete(const char *path)
 {
     return unlink(path);
