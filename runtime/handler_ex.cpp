@@ -1,12 +1,10 @@
 // The writing of API records for the generated event callbacks: the head is built here, the callback
 // builds the values behind it, and the thread's unit gets both in one put.
 #include <poll.h>
-#include <stdio.h>
 #include <sys/select.h>
 #include <string.h>
 
 #include "event_records.h"
-#include "vorx_client.h"
 #include "vorx_log.h"
 #include "vorx_traceformat.h"
 
@@ -20,7 +18,7 @@ struct annotation_object_head {
   uint32_t id;
 };
 
-void put_or_die(vorx_tmu_t* unit, const uint8_t* head, uint32_t head_len, const uint8_t* tail, uint32_t tail_len,
+void put_record(vorx_tmu_t* unit, const uint8_t* head, uint32_t head_len, const uint8_t* tail, uint32_t tail_len,
                 const char* callback) {
   VORX_ASSERT(unit != nullptr);
   if (unit->put_record(unit, head, head_len, tail_len ? tail : nullptr, tail_len) == 0) vorx_cbk_record_lost(callback);
@@ -66,7 +64,7 @@ void vorx_cbk_put_call_record_with_list(vorx_workspace* wsp, const vorx_probe_da
   uint32_t head_len = tf_apiwrap_v1_put_head(head, VORX_CBK_DESCRIPTOR, wsp->thread, 0, data->locals.leave_time,
                                              data->locals.enter_time, 0, id, prefix_len + list_len);
   memcpy(head + head_len, prefix, prefix_len);
-  put_or_die(unit, head, head_len + prefix_len, reinterpret_cast<const uint8_t*>(list), list_len, callback);
+  put_record(unit, head, head_len + prefix_len, reinterpret_cast<const uint8_t*>(list), list_len, callback);
 }
 
 uint32_t vorx_cbk_poll_fds(vorx_workspace* wsp, const void* fds, uint32_t nfds) {
@@ -86,20 +84,12 @@ void vorx_get_signaled_fds(vorx_fd_vector* fd_vector, const void* readfds, const
   *out_count = count;
 }
 
-// Nothing is retried: a lost record (a full disk) stops the studied application on purpose.
+// The unit has counted the record (the process reports the count when it ends): the program goes on,
+// and the callback is named in the log once per process, not once per record.
 void vorx_cbk_record_lost(const char* callback) {
-  char text[256];
-  int len = snprintf(text, sizeof text, "%s: Cannot put the record into a tracefile.", callback);
-  if (len < 0) len = 0;
-  if ((size_t)len >= sizeof text) len = sizeof text - 1;
-  VORX_LOG(vorx_log_level_critical, "%s", text);
-  sal_write(2, text, (vorx_size_t)len);
-  sal_write(2, "\n", 1);
-  if (g_vorx_client)
-    vorx_client_report(g_vorx_client, vorx_severity_critical,
-                       "<?xml ?><msg name='49'><arg name='function' value='%s' /></msg>", callback);
-  *(volatile int*)nullptr = 0;
-  __builtin_trap();
+  static int logged;
+  if (__atomic_exchange_n(&logged, 1, __ATOMIC_RELAXED)) return;
+  VORX_LOG(vorx_log_level_warning, "%s: a record was dropped; the trace goes on without it", callback);
 }
 
 uint32_t vorx_cbk_text_size(const char* text) { return 2 + tf_str_stored_len(text); }

@@ -76,11 +76,15 @@ extern "C" vorx_u32_t vorx_detach(void *global) {
   VORX_ASSERT(g_vorx_is_rtl_initialized == 1);
   g_vorx_is_rtl_initialized = 0;
   put_old_process_record(wsp->master_tmu);
-  vorx_finalize_per_process_trace(wsp->master_tmu);
+  // The threads' units are spilled by now: the trace carries the count of what they dropped, the server
+  // the final one, with what the last spills here drop.
+  put_records_lost_record(wsp->master_tmu);
   vorx_finalize_per_process_trace(wsp->aux_tmu);
+  vorx_finalize_per_process_trace(wsp->master_tmu);
   vorx_fini_crash_signal_handler();
   vorx_unlink_callback_tables();
-  if (!g_vorx_client || vorx_client_notify(g_vorx_client, vorx_command_end) != vorx_er_success)
+  if (!g_vorx_client ||
+      vorx_client_notify_end(g_vorx_client, vorx_tmu_records_lost(), vorx_tmu_loss_causes()) != vorx_er_success)
     report_client_failure("on detaching from the collection");
   vorx_mem_obj_htable_retire();
   vorx_reset_process_trace_counter();

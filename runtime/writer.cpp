@@ -1,7 +1,8 @@
 // The process writer. Records are laid out by the generated hand-built writers
 // (the same description as the record objects and the reader) into a buffer on
-// the stack and handed to the unit as head + tail. The opening records have no
-// second chance: a collector that cannot write its trace ends the process.
+// the stack and handed to the unit as head + tail. A record the unit cannot keep
+// (no memory, a results directory that refuses it) is dropped and counted by the
+// unit; the process ends its collection with the count, and goes on meanwhile.
 #include "writer.h"
 
 #include <string.h>
@@ -28,13 +29,13 @@ constexpr vorx_u16_t kCollectorMinor = 9;
 constexpr vorx_u32_t kCollectorBuild = 11;
 constexpr char kCollectorName[] = "vorx";
 
-// A record that cannot be written ends the process: the catalogue's report
-// goes to the log, standard error and the server, then the deliberate crash.
-void put_or_die(vorx_tmu_t *unit, const void *head, vorx_u32_t head_size, const void *tail, vorx_u32_t tail_size,
+// The first record of the process that the unit dropped is named in the log; the unit counts them all.
+void put_record(vorx_tmu_t *unit, const void *head, vorx_u32_t head_size, const void *tail, vorx_u32_t tail_size,
                 const char *function) {
+  static int logged;
   if (unit->put_record(unit, head, head_size, tail, tail_size) != 0) return;
-  vorx_report(vorx_msg_cannot_put_record, function);
-  __builtin_trap();
+  if (!__atomic_exchange_n(&logged, 1, __ATOMIC_RELAXED))
+    vorx_log(vorx_log_level_warning, "%s: a record was dropped; the trace goes on without it", function);
 }
 
 vorx_u64_t now() { return vorx_timesource()->now(); }
@@ -74,7 +75,7 @@ extern "C" void vorx_put_collector_record(vorx_tmu_t *unit) {
   vorx_u32_t pos = tf_colcfg_put_head(head, kCollectorMajor, kCollectorMinor, kCollectorBuild,
                                       vorx_collector_capabilities(), 1 + name_length);
   head[pos++] = name_length;  // the writer's form: no NUL behind the name
-  put_or_die(unit, head, pos, kCollectorName, name_length, __func__);
+  put_record(unit, head, pos, kCollectorName, name_length, __func__);
 }
 
 extern "C" void vorx_put_sysinfo_record(vorx_tmu_t *unit) {
@@ -109,7 +110,7 @@ extern "C" void vorx_put_sysinfo_record(vorx_tmu_t *unit) {
       uint8_t head[TF_SYSINFO_HEAD_SIZE];
       vorx_u32_t head_size = tf_sysinfo_put_head(head, static_cast<vorx_u16_t>(sal_get_os_type()), version.major,
                                                  version.minor, version.patch, version.build, tail_size);
-      put_or_die(unit, head, head_size, tail, pos, __func__);
+      put_record(unit, head, head_size, tail, pos, __func__);
     }
   }
   host_alloc.vtbl->destroy(&host_alloc);
@@ -146,7 +147,7 @@ extern "C" void vorx_put_cpuinfo_record(vorx_tmu_t *unit) {
   int large = body_size + 16 > 65535;
   uint8_t head[32];
   vorx_u32_t head_size = tf_cpuinfo_put_head(head, large, static_cast<vorx_u32_t>(count), body_size);
-  put_or_die(unit, head, head_size, body, body_size, __func__);
+  put_record(unit, head, head_size, body, body_size, __func__);
   body_alloc.vtbl->destroy(&body_alloc);
   list_alloc.vtbl->destroy(&list_alloc);
 }
@@ -178,13 +179,13 @@ extern "C" void vorx_put_hardcfg_record(vorx_tmu_t *unit) {
   uint8_t head[TF_HARDCFG_HEAD_SIZE];
   vorx_u32_t head_size = tf_hardcfg_put_head(head, cpu_frequency, vorx_timesource()->frequency(), user_limit,
                                              pointer_width, family, model, stepping, tail_size);
-  put_or_die(unit, head, head_size, tail, tail_size, __func__);
+  put_record(unit, head, head_size, tail, tail_size, __func__);
 }
 
 extern "C" void put_head_marker_record(vorx_tmu_t *unit, vorx_u64_t counter, vorx_u64_t wall) {
   uint8_t record[32];
   vorx_u32_t size = tf_marker_put(record, counter, wall);
-  put_or_die(unit, record, size, nullptr, 0, __func__);
+  put_record(unit, record, size, nullptr, 0, __func__);
 }
 
 extern "C" void vorx_put_head_marker_record(vorx_tmu_t *unit) {
@@ -205,7 +206,7 @@ void put_process_record(vorx_tmu_t *unit, vorx_u32_t event_class, const char *fu
   if (!name) name_len = 0;
   uint8_t head[TF_PROCESS_HEAD_SIZE];
   vorx_u32_t pos = tf_process_put_head(head, event_class, sal_process_id(), 0, now(), name_len);
-  put_or_die(unit, head, pos, name, name_len, function);
+  put_record(unit, head, pos, name, name_len, function);
   alloc.vtbl->destroy(&alloc);
 }
 
@@ -218,7 +219,7 @@ extern "C" void put_module_map_record(vorx_tmu_t *unit, const void *payload, vor
   uint8_t head[TF_MODULE_MAP_HEAD_SIZE];
   vorx_u32_t head_size = g_vorx_conf->module_map_flags & 1 ? tf_module_map_put_sized_head(head, now(), length)
                                                            : tf_module_map_untimed_put_sized_head(head, length);
-  put_or_die(unit, head, head_size, payload, length, __func__);
+  put_record(unit, head, head_size, payload, length, __func__);
 }
 
 extern "C" void put_module_info(vorx_tmu_t *unit, const char *name, vorx_address_t start, vorx_address_t end) {
@@ -250,7 +251,7 @@ extern "C" void put_sample_record(vorx_tmu_t *unit, vorx_u32_t tid, vorx_u64_t t
                                   vorx_u32_t last) {
   uint8_t record[48];
   vorx_u32_t size = tf_cpu_sample_put(record, tid, 0, timestamp, period, last);
-  put_or_die(unit, record, size, nullptr, 0, __func__);
+  put_record(unit, record, size, nullptr, 0, __func__);
 }
 
 namespace {
@@ -266,6 +267,9 @@ void put_module_items(void *context, const vorx_module_info_item_t *items, uint3
 }  // namespace
 
 extern "C" void vorx_put_initial_process_records(vorx_tmu_t *unit) {
+  // The unit that opens the process's stream is its trace: its file is opened now, while the program still
+  // has the rights it started with, and it takes the buffers of units that later cannot open their files.
+  vorx_tmu_keep_as_process_trace(unit);
   vorx_put_collector_record(unit);
   vorx_put_sysinfo_record(unit);
   vorx_put_cpuinfo_record(unit);
@@ -275,18 +279,26 @@ extern "C" void vorx_put_initial_process_records(vorx_tmu_t *unit) {
   g_vorx_module_map->ops->load(g_vorx_module_map, put_module_items, unit);
 }
 
+extern "C" void put_records_lost_record(vorx_tmu_t *unit) {
+  vorx_u64_t lost = vorx_tmu_records_lost();
+  if (lost == 0) return;
+  uint8_t record[32];
+  vorx_u32_t size = tf_records_lost_put(record, 0, lost, vorx_tmu_loss_causes());
+  unit->put_record(unit, record, size, nullptr, 0);
+}
+
 // ---------------------------------------------------------------- threads
 
 extern "C" void put_new_thread_record(vorx_workspace *wsp) {
   uint8_t record[40];
   vorx_u32_t size = tf_thread_writer_put(record, TF_EC_BEGIN, wsp->thread, 0, wsp->registration_kind, now());
-  put_or_die(wsp->master_tmu, record, size, nullptr, 0, __func__);
+  put_record(wsp->master_tmu, record, size, nullptr, 0, __func__);
 }
 
 extern "C" void put_old_thread_record(vorx_workspace *wsp) {
   uint8_t record[40];
   vorx_u32_t size = tf_thread_writer_put(record, TF_EC_END, wsp->thread, 0, wsp->registration_kind, now());
-  put_or_die(wsp->master_tmu, record, size, nullptr, 0, __func__);
+  put_record(wsp->master_tmu, record, size, nullptr, 0, __func__);
 }
 
 extern "C" void vorx_put_softcfg_record(vorx_workspace *wsp) {
@@ -303,7 +315,7 @@ extern "C" void vorx_put_softcfg_record(vorx_workspace *wsp) {
   pos += 28;
   uint8_t head[32];
   vorx_u32_t head_size = tf_softcfg_put_head(head, wsp->thread, pos);
-  put_or_die(wsp->master_tmu, head, head_size, tail, pos, __func__);
+  put_record(wsp->master_tmu, head, head_size, tail, pos, __func__);
 }
 
 extern "C" void vorx_put_initial_thread_records(vorx_workspace *wsp) {
@@ -326,7 +338,7 @@ extern "C" void put_thread_name_record(vorx_workspace *wsp) {
   uint8_t head[64];
   vorx_u32_t head_size = tf_apiwrap_v1_put_head(head, tf_api_descriptor(wsp->thread, 0), wsp->thread, 0, time, time,
                                                 0, 286, tail_size);
-  put_or_die(wsp->master_tmu, head, head_size, tail, tail_size, __func__);
+  put_record(wsp->master_tmu, head, head_size, tail, tail_size, __func__);
 }
 
 // ---------------------------------------------------------------- state

@@ -40,8 +40,14 @@ void summarize(const RunRecord &record) {
     std::cerr << "vorx: warning: the program never asked for its configuration, so nothing was "
                  "collected; check that the engine and the collector library load"
               << std::endl;
-  std::cerr << "vorx: " << collected << (collected == 1 ? " process" : " processes") << " collected, "
-            << record.errors << (record.errors == 1 ? " error" : " errors") << "; results in "
+  // Lost records take the place of "0 errors": what went wrong is what the user must see.
+  std::uint64_t lost = record.records_lost();
+  std::string problems;
+  if (record.errors || !lost) problems = std::to_string(record.errors) + (record.errors == 1 ? " error" : " errors");
+  if (lost)
+    problems += (problems.empty() ? "" : ", ") + std::to_string(lost) + (lost == 1 ? " record lost" : " records lost");
+  std::cerr << "vorx: " << collected << (collected == 1 ? " process" : " processes") << " collected, " << problems
+            << "; results in "
             << record.results_dir << " (read them with: vorx report " << record.results_dir << ")"
             << std::endl;
 }

@@ -32,9 +32,9 @@ std::string describe_ending(std::optional<long> exit_code, std::optional<long> e
   return {};
 }
 
-ProcessEndings read_process_endings(const std::vector<std::string> &inputs)
+// Calls back with the line of each process in the manifests of the results directories among the inputs.
+template <typename PerProcess> void for_each_process_line(const std::vector<std::string> &inputs, PerProcess each)
 {
-  ProcessEndings endings;
   for (const std::string &in : inputs) {
     std::error_code ec;
     if (!std::filesystem::is_directory(in, ec)) continue;
@@ -42,12 +42,29 @@ ProcessEndings read_process_endings(const std::vector<std::string> &inputs)
     std::string line;
     while (std::getline(manifest, line)) {
       if (line.find("\"pid\"") == std::string::npos || line.find("\"parent\"") == std::string::npos) continue;
-      std::optional<long> pid = number_after(line, "pid");
-      std::string text = describe_ending(number_after(line, "exit_code"), number_after(line, "exit_signal"));
-      if (pid && !text.empty()) endings[static_cast<std::uint32_t>(*pid)] = text;
+      if (std::optional<long> pid = number_after(line, "pid")) each(static_cast<std::uint32_t>(*pid), line);
     }
   }
+}
+
+ProcessEndings read_process_endings(const std::vector<std::string> &inputs)
+{
+  ProcessEndings endings;
+  for_each_process_line(inputs, [&](std::uint32_t pid, const std::string &line) {
+    std::string text = describe_ending(number_after(line, "exit_code"), number_after(line, "exit_signal"));
+    if (!text.empty()) endings[pid] = text;
+  });
   return endings;
+}
+
+LostRecords read_lost_records(const std::vector<std::string> &inputs)
+{
+  LostRecords lost;
+  for_each_process_line(inputs, [&](std::uint32_t pid, const std::string &line) {
+    std::optional<long> count = number_after(line, "records_lost");
+    if (count && *count > 0) lost[pid] += static_cast<std::uint64_t>(*count);
+  });
+  return lost;
 }
 
 } // namespace vorx::report

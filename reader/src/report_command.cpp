@@ -214,6 +214,7 @@ extern "C" int command_report(int argc, char **argv)
   Stats stats;
   TraceParser parser(stdout, dump);
   parser.set_process_endings(read_process_endings(inputs));
+  parser.set_lost_records(read_lost_records(inputs));
   for (const std::string &f : files) read_file(f, parser, stats, progress);
   parser.finish(stats);
   if (csv) parser.print_csv_tables();

@@ -17,6 +17,8 @@ enum class StatSeverity { Info, DataLoss, Error };
   X(threads_without_end, Recording, DataLoss, "threads whose end record never reached the trace")     \
   X(processes_without_end, Recording, DataLoss, "processes whose end record never reached the trace") \
   X(empty_trace_files, Recording, Info, "trace files without any record")                             \
+  X(records_lost, Recording, DataLoss,                                                                \
+    "records the collector dropped: the results directory refused them, or its memory ran out")      \
   X(files_unreadable, Import, Error, "trace files that could not be opened or read")                  \
   X(missing_magic, Import, Error, "trace files that do not begin with the magic record")              \
   X(truncated_records, Import, DataLoss, "files that end inside a record")                            \

@@ -173,6 +173,11 @@ void TraceParser::track(const Record &r)
     }
     return;
   }
+  if (n == "records_lost") {
+    std::uint64_t &lost = lost_[file_pid()];
+    lost = std::max(lost, num_or(r, "count", 0));
+    return;
+  }
   if (n == "module_map" || n == "module_map_untimed")
     if (const Field *path = r.find("name"))
       activity_.add_module(file_pid(), num_or(r, "start", 0), num_or(r, "end", 0), text_of(path));
@@ -213,6 +218,7 @@ void TraceParser::finish(Stats &stats)
     if (t.begun && !t.ended) stats.add(Stat::threads_without_end);
   for (const auto &[pid, p] : processes_)
     if (p.begun && !p.ended) stats.add(Stat::processes_without_end);
+  for (const auto &[pid, lost] : lost_) stats.add(Stat::records_lost, lost);
 }
 
 // ", 3.90 ms, waiting 600.0 us (15%)": how long the thread was seen and how much of it it waited.
@@ -264,8 +270,10 @@ void TraceParser::print_summary(const Stats &stats, std::size_t max_rows) const
   for (const auto &[pid, p] : processes_) {
     auto ending = endings_.find(pid);
     std::string end = ending != endings_.end() ? ": " + ending->second : "";
-    std::fprintf(o, "  process %u %s%s%s\n", pid, p.name.empty() ? "(no name)" : p.name.c_str(), end.c_str(),
-                 p.ended ? "" : " (no end record)");
+    auto lost = lost_.find(pid);
+    std::string dropped = lost != lost_.end() && lost->second ? " (" + std::to_string(lost->second) + " records lost)" : "";
+    std::fprintf(o, "  process %u %s%s%s%s\n", pid, p.name.empty() ? "(no name)" : p.name.c_str(), end.c_str(),
+                 p.ended ? "" : " (no end record)", dropped.c_str());
     print_threads(pid);
     listed[pid] = true;
   }

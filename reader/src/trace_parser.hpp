@@ -55,6 +55,9 @@ public:
 
   // How processes ended (from the results directory), shown beside them in the overview.
   void set_process_endings(ProcessEndings endings) { endings_ = std::move(endings); }
+  // What each process's collector said it dropped at its end (from the results directory). A trace
+  // carries the count it had before its last spill; the larger of the two counts.
+  void set_lost_records(LostRecords lost) { lost_ = std::move(lost); }
   // The overview, then the tables (at most max_rows rows each on the terminal; 0: all).
   void print_summary(const Stats &stats, std::size_t max_rows = 0) const;
   // The same tables as CSV, nothing else.
@@ -72,6 +75,7 @@ public:
 
 private:
   ProcessEndings endings_;
+  LostRecords lost_;
   void track(const Record &r);
   void see_time(std::uint64_t t);
   std::string thread_time(const ThreadKey &key, const ThreadInfo &t) const;

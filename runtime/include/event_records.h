@@ -98,8 +98,8 @@ static inline uint8_t* vorx_cbk_open_point_record(vorx_cbk_record* r, vorx_works
                                         id | VORX_CBK_POINT_FLAG, tail_len)
            : d;
 }
-/* The fatal end of a record that the unit refused. */
-void vorx_cbk_record_lost(const char* callback) __attribute__((noreturn));
+/* A record that the unit dropped (and counted): no memory for it, or the results directory refused it. */
+void vorx_cbk_record_lost(const char* callback);
 static inline void vorx_cbk_close_record(vorx_cbk_record* r, const char* callback) {
   if (!vorx_tmu_close_record(r->unit, &r->lease)) vorx_cbk_record_lost(callback);
 }

@@ -26,6 +26,8 @@ void vorx_put_head_marker_record(struct vorx_tmu *unit);
 void put_head_marker_record(struct vorx_tmu *unit, vorx_u64_t counter, vorx_u64_t wall);
 void vorx_put_new_process_record(struct vorx_tmu *unit);
 void put_old_process_record(struct vorx_tmu *unit);
+// The process's count of dropped records so far, when there are any.
+void put_records_lost_record(struct vorx_tmu *unit);
 void vorx_put_softcfg_record(struct vorx_workspace *wsp);
 void vorx_put_initial_thread_records(struct vorx_workspace *wsp);
 void put_new_thread_record(struct vorx_workspace *wsp);

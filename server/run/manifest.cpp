@@ -67,6 +67,7 @@ std::string manifest_json(const RunRecord &run) {
   o << "  \"duration_s\": "
     << std::chrono::duration<double>(run.finished - run.started).count() << ",\n";
   o << "  \"reports\": {\"errors\": " << run.errors << ", \"warnings\": " << run.warnings << "},\n";
+  o << "  \"records_lost\": " << run.records_lost() << ",\n";
   o << "  \"processes\": [";
   for (size_t i = 0; i < run.processes.size(); i++) {
     const ProcessInfo &p = run.processes[i];
@@ -75,7 +76,8 @@ std::string manifest_json(const RunRecord &run) {
       << ", \"configurations\": " << p.configs << ", \"ready\": " << optional_time(p.ready_at)
       << ", \"ended\": " << optional_time(p.ended_at) << ", \"exited\": " << optional_time(p.died_at)
       << ", \"exit_code\": " << (p.exit_code ? std::to_string(*p.exit_code) : "null")
-      << ", \"exit_signal\": " << (p.exit_signal ? std::to_string(*p.exit_signal) : "null") << "}";
+      << ", \"exit_signal\": " << (p.exit_signal ? std::to_string(*p.exit_signal) : "null")
+      << ", \"records_lost\": " << p.records_lost << ", \"loss_causes\": " << p.loss_causes << "}";
   }
   o << "\n  ]\n}\n";
   return o.str();

@@ -2,6 +2,7 @@
 // how they ended. One JSON file in the results directory.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +21,13 @@ struct RunRecord {
   Clock::time_point started, finished;
   std::vector<ProcessInfo> processes;
   unsigned errors = 0, warnings = 0;
+
+  // Trace records the collector dropped, over every process.
+  std::uint64_t records_lost() const {
+    std::uint64_t total = 0;
+    for (const ProcessInfo &p : processes) total += p.records_lost;
+    return total;
+  }
 };
 
 std::string manifest_json(const RunRecord &run);

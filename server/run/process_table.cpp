@@ -33,11 +33,13 @@ void ProcessTable::on_ready(pid_t pid) {
   p.ready_at = Clock::now();
 }
 
-void ProcessTable::on_end(pid_t pid) {
+void ProcessTable::on_end(pid_t pid, std::uint64_t records_lost, unsigned loss_causes) {
   std::lock_guard lock(mutex_);
   ProcessInfo &p = entry(pid);
   p.ended = true;
   p.ended_at = Clock::now();
+  p.records_lost += records_lost;
+  p.loss_causes |= loss_causes;
 }
 
 void ProcessTable::on_new(pid_t child, pid_t parent) {

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -29,6 +30,8 @@ struct ProcessInfo {
   bool dead = false;          // reaped, or found gone
   std::optional<int> exit_code;
   std::optional<int> exit_signal;
+  std::uint64_t records_lost = 0;  // trace records the collector dropped, summed over the images
+  unsigned loss_causes = 0;         // bits: 1 refused writes, 2 no memory, 4 a record too big
   Clock::time_point first_seen;
   std::optional<Clock::time_point> ready_at, ended_at, died_at;
 };
@@ -38,7 +41,8 @@ class ProcessTable {
   // A process asked for its configuration: a new image of it starts over.
   void on_config(pid_t pid, pid_t parent, const std::string &name, bool profiled);
   void on_ready(pid_t pid);
-  void on_end(pid_t pid);
+  // The end of an image's collection, with the trace records it dropped and why.
+  void on_end(pid_t pid, std::uint64_t records_lost = 0, unsigned loss_causes = 0);
   void on_new(pid_t child, pid_t parent);
   // Records an exit status of waitpid; returns the record as it now stands.
   std::optional<ProcessInfo> on_exit(pid_t pid, int wait_status);

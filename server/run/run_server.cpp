@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <vector>
 
 #include "messages.hpp"
 #include "sal_allocator.h"
@@ -244,6 +245,24 @@ std::string RunServer::configuration_packet(pid_t pid, pid_t parent) {
   return out;
 }
 
+// "1234 trace records were lost: the results directory refused them (full, read-only, or no longer writable
+// by the program)".
+std::string describe_lost_records(std::uint64_t lost, unsigned causes) {
+  std::vector<std::string> reasons;
+  if (causes & 1) reasons.push_back("the results directory refused them (full, read-only, or no longer writable by the program)");
+  if (causes & 2) reasons.push_back("the collector's memory for them ran out");
+  if (causes & 4) reasons.push_back("they were too large to keep");
+  std::string text = std::to_string(lost) + (lost == 1 ? " trace record was" : " trace records were") + " lost";
+  for (size_t i = 0; i < reasons.size(); i++) text += (i ? "; " : ": ") + reasons[i];
+  return text;
+}
+
+void RunServer::report_lost_records(pid_t pid, std::uint64_t lost, unsigned causes) {
+  std::string name;
+  if (auto p = processes_.find(pid)) name = p->name;
+  reports_.report(pid, name, "warning", describe_lost_records(lost, causes));
+}
+
 std::optional<std::string> RunServer::handle_report(const std::string &word,
                                                     const std::string &body, pid_t peer_pid) {
   std::string name;
@@ -275,8 +294,11 @@ std::optional<std::string> RunServer::handle(const std::string &text, pid_t peer
       }
       break;
     case vorx_command_end:
-      if (auto pid = number(body)) {
-        processes_.on_end(*pid);
+      if (auto pid = number(field(text, 1))) {
+        std::uint64_t lost = std::strtoull(field(text, 2).c_str(), nullptr, 10);
+        unsigned causes = (unsigned)std::strtoul(field(text, 3).c_str(), nullptr, 10);
+        processes_.on_end(*pid, lost, causes);
+        if (lost) report_lost_records(*pid, lost, causes);
         return kDone;
       }
       break;

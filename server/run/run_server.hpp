@@ -5,7 +5,7 @@
 // of its own, so a client that stalls or breaks a frame costs only its own
 // connection. Replies:
 //   config:<pid>:<ppid>:1   the configuration packet for that process
-//   ready, end, new, state  "done"
+//   ready, end, new, state  "done"; an end may carry the trace records the process lost
 //   symfile:<path>          the path of the file that holds the symbols
 //   error, warning, info    no reply; printed as a readable line
 //   anything else           "fail"
@@ -83,6 +83,7 @@ class RunServer {
   pid_t wait_for_root_pid() const;
   std::optional<std::string> handle_report(const std::string &word, const std::string &body,
                                            pid_t peer_pid);
+  void report_lost_records(pid_t pid, std::uint64_t lost, unsigned causes);
 
   ConfigurationPtr base_;
   ProcessTable &processes_;
@@ -103,6 +104,9 @@ class RunServer {
   std::mutex connections_mutex_;
   std::list<Connection> connections_;
 };
+
+// What a process's dropped trace records amount to, and why, for a warning.
+std::string describe_lost_records(std::uint64_t lost, unsigned causes);
 
 // Base name of a process's program, read from /proc while it lives.
 std::string process_name(pid_t pid);

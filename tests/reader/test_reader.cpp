@@ -236,3 +236,35 @@ TEST(ReportCommand, FileNamesGiveTheProcess)
   std::string out = run_report({dir.path, "--no-progress"}, &status);
   EXPECT_NE(out.find("  process 300 kid (no end record)\n    thread 301: 1 records"), std::string::npos) << out;
 }
+
+// Records the collector dropped reach the report from both places that carry them: the record the process
+// wrote into its trace before its last spill, and the manifest with what its collector counted at the very
+// end. The larger count of a process wins; a process known only to the manifest counts too.
+TEST(ReportCommand, LostRecordsComeFromTheTraceAndTheManifest)
+{
+  TempDir dir;
+  auto with_lost = [](std::uint32_t pid, std::uint64_t lost) {
+    return TraceBuilder().process(pid, TF_EC_BEGIN, 10, "app").put(32, [lost](std::uint8_t *d) {
+      return tf_records_lost_put(d, 0, lost, 1);
+    });
+  };
+  dir.write("1-100.0.trace", with_lost(100, 40).process(100, TF_EC_END, 20, "app").bytes());
+  dir.write("1-200.0.trace", with_lost(200, 5).process(200, TF_EC_END, 20, "app").bytes());
+  dir.write("manifest.json", [] {
+    std::string m = "{\n  \"processes\": [\n"
+                    "    {\"pid\": 100, \"parent\": 1, \"exit_code\": 0, \"records_lost\": 25, \"loss_causes\": 1},\n"
+                    "    {\"pid\": 200, \"parent\": 1, \"exit_code\": 0, \"records_lost\": 7, \"loss_causes\": 1},\n"
+                    "    {\"pid\": 300, \"parent\": 1, \"exit_code\": 0, \"records_lost\": 3, \"loss_causes\": 2}\n  ]\n}\n";
+    return std::vector<std::uint8_t>(m.begin(), m.end());
+  }());
+  int status = -1;
+  std::string out = run_report({dir.path, "--no-progress"}, &status);
+  EXPECT_NE(out.find("  process 100 app: exited with status 0 (40 records lost)\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("  process 200 app: exited with status 0 (7 records lost)\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("lost while recording:\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("  records_lost                 50  ("), std::string::npos) << out;
+
+  TempDir clean;
+  clean.write("1-100.0.trace", TraceBuilder().process(100, TF_EC_BEGIN, 10, "app").process(100, TF_EC_END, 20, "app").bytes());
+  EXPECT_NE(run_report({clean.path, "--no-progress"}, &status).find("lost while recording: none"), std::string::npos);
+}

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "control.hpp"
+#include "manifest.hpp"
 #include "messages.hpp"
 #include "options.hpp"
 #include "process_table.hpp"
@@ -116,6 +117,29 @@ TEST_F(Server, LifecycleCommandsAreAcknowledgedAndTracked) {
   EXPECT_EQ(exchange("end:4243"), "done");
   EXPECT_FALSE(processes.anyone_pending());
   EXPECT_EQ(exchange("state:Pause"), "done");
+}
+
+// A process that dropped trace records says how many at its end: the count is kept per process, summed
+// over its images, and named in a warning with its causes.
+TEST_F(Server, AnEndCarriesTheRecordsTheProcessLost) {
+  EXPECT_EQ(exchange("ready:4243"), "done");
+  EXPECT_EQ(exchange("end:4243:1234:3"), "done");
+  EXPECT_EQ(processes.find(4243)->records_lost, 1234u);
+  auto lines = sink.wait_lines(1);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0], "warning: 1234 trace records were lost: the results directory refused them (full, read-only, "
+                      "or no longer writable by the program); the collector's memory for them ran out");
+  EXPECT_EQ(exchange("ready:4243"), "done");  // an image after exec
+  EXPECT_EQ(exchange("end:4243:1:4"), "done");
+  EXPECT_EQ(processes.find(4243)->records_lost, 1235u);
+  EXPECT_EQ(processes.find(4243)->loss_causes, 7u);
+  EXPECT_EQ(exchange("end:4244:0:0"), "done");
+  EXPECT_EQ(exchange("end:4245"), "done");
+  EXPECT_EQ(sink.wait_lines(3).size(), 2u) << "no warning without a loss";
+
+  RunRecord run;
+  run.processes = processes.snapshot();
+  EXPECT_EQ(run.records_lost(), 1235u);
 }
 
 TEST_F(Server, UnknownOrMalformedCommandsAreRefused) {
@@ -288,6 +312,8 @@ TEST_F(ClientAgainstServer, EveryOperationIsAnswered) {
             vorx_er_success);
   EXPECT_EQ(vorx_client_notify(client, vorx_command_end), vorx_er_success);
   EXPECT_TRUE(processes.find(getpid())->ended);
+  EXPECT_EQ(vorx_client_notify_end(client, 7, 2), vorx_er_success);
+  EXPECT_EQ(processes.find(getpid())->records_lost, 7u);
   auto lines = sink.wait_lines(2);
   EXPECT_NE(std::find(lines.begin(), lines.end(), "error: Cannot notify server about process spawning."),
             lines.end());

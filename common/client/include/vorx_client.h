@@ -9,6 +9,8 @@
  * Command texts (the frame carries no NUL):
  *   config:<pid>:<ppid>:1      reply: the configuration packet
  *   ready:<pid>, end:<pid>     reply: one frame, content ignored
+ *   end:<pid>:<lost>:<causes>  the same, with the trace records the process
+ *                              dropped and the causes (bits of VORX_TMU_LOST_*)
  *   new:<child>:<parent>       reply: one frame, content ignored
  *   state:<Pause|Resume|Detach>  reply: one frame, content ignored
  *   symfile:<text>             reply: the text of a symbol file path
@@ -93,6 +95,8 @@ static inline vorx_er_t vorx_client_notify(vorx_client *client, uint32_t command
 {
     return client->ops->notify(client, command);
 }
+/* "end" for this process, with the trace records it dropped and why. */
+vorx_er_t vorx_client_notify_end(vorx_client *client, uint64_t records_lost, uint32_t loss_causes);
 /* Formats a message (at most VORX_CLIENT_MESSAGE_SIZE - 1 bytes) and sends it
  * at a severity; 2 without a client. */
 __attribute__((format(printf, 3, 4))) vorx_er_t vorx_client_report(vorx_client *client,

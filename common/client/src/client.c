@@ -119,6 +119,17 @@ static vorx_er_t client_notify(vorx_client *client, uint32_t command)
     return exchange_ignoring_reply(client, text);
 }
 
+vorx_er_t vorx_client_notify_end(vorx_client *client, uint64_t records_lost, uint32_t loss_causes)
+{
+    char text[VORX_CLIENT_TEXT_SIZE];
+    if (!format_text(text, sizeof(text), "%s%s%u%s%llu%s%u", vorx_command_to_string(vorx_command_end), SEPARATOR,
+                     sal_process_id(), SEPARATOR, (unsigned long long)records_lost, SEPARATOR, loss_causes)) {
+        vorx_report(vorx_msg_cannot_create_command);
+        text[0] = '\0';
+    }
+    return exchange_ignoring_reply(client, text);
+}
+
 static vorx_er_t client_log_message(vorx_client *client, const char *message, vorx_size_t length,
                                     uint32_t severity)
 {
