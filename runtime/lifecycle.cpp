@@ -12,6 +12,7 @@
 #include "event_filtering.h"
 #include "runtime_entries.h"
 #include "sal.h"
+#include "signal_manager.h"
 #include "thread_manager.h"
 #include "vorx_client.h"
 #include "vorx_config.h"
@@ -108,6 +109,8 @@ extern "C" void vorx_on_fork_after_in_parent(UINT32 child_pid, void *) {
 }
 
 extern "C" void vorx_on_fork_after_in_child(UINT32, void *) {
+  // the signal tables' lock may have been copied held by a thread that the child does not have
+  if (g_signal_manager) g_signal_manager->reinitialise_after_fork(g_signal_manager);
   if (g_pause_time) {
     printf("Pausing to attach to pid %d\n", static_cast<int>(sal_process_id()));
     fflush(stdout);

@@ -33,6 +33,9 @@ namespace {
 
 vorx_signal_manager g_manager_storage;
 vorx_sampling_callback_t g_sampling_callback = nullptr;
+// Raised while a handler runs for a fault of the collector's own code: the collector's locks may be held,
+// and writing the traces out would wait for them forever.
+__thread int t_fault_inside_collector __attribute__((tls_model("initial-exec")));
 int g_sampling_signal = 0;
 volatile int g_flushed_for_death = 0;
 volatile int g_ctrl_c_held = 0; /* a Ctrl-C that came while the collector was opening or closing */
@@ -269,10 +272,24 @@ void run_first_class(vorx_signal_manager* m, int signo, siginfo_t* info, void* c
   m->call_second_class_handler(m, signo, info, context);
 }
 
+// Signals that came while the thread was inside the thread manager's slower paths, one bit a signal: they
+// are sent again when the thread is out (see vorx_thread_manager_signals_hook).
+__thread uint32_t t_waiting_for_manager[2] __attribute__((tls_model("initial-exec")));
+
+void wait_for_manager(int signo) {
+  t_waiting_for_manager[signo / 32] |= 1u << (signo % 32);
+  vorx_t_tm_signals_waiting = 1;
+}
+
 extern "C" void real_signal_handler(int signo, siginfo_t* info, void* context) {
   // A fault while the collector reads the program's memory goes back to the read's protected frame.
   if (is_true_fault(signo, info)) vorx_throw_if_protected(signo);
   vorx_signal_manager* m = g_signal_manager;
+  if (m->is_deferable_hander[signo] && !is_true_fault(signo, info) &&
+      vorx_thread_manager_busy_here(g_vorx_thread_manager)) {
+    wait_for_manager(signo);
+    return;
+  }
   vorx_ts_desc_t* key = nullptr;
   void* data = nullptr;
   vorx_u32_t entered = vorx_thread_manager_enter(g_vorx_thread_manager, &key, &data);
@@ -287,6 +304,7 @@ extern "C" void real_signal_handler(int signo, siginfo_t* info, void* context) {
       return;
     }
     VORX_LOG(vorx_log_level_error, "signal %d arrived inside the collector and cannot wait", signo);
+    t_fault_inside_collector = 1;
   } else if (entered == vorx_thread_manager_op_err_ok) {
     vorx_thread_manager_release(g_vorx_thread_manager, key);
   }
@@ -381,6 +399,16 @@ void vorx_signal_manager_resync(void) {
   }
 }
 
+// The thread is out of the thread manager: what waited for it is sent again, to this thread.
+void vorx_thread_manager_signals_hook(void) {
+  vorx_t_tm_signals_waiting = 0;
+  for (int word = 0; word < 2; ++word) {
+    uint32_t bits = __atomic_exchange_n(&t_waiting_for_manager[word], 0u, __ATOMIC_ACQ_REL);
+    for (int bit = 0; bits; ++bit, bits >>= 1)
+      if (bits & 1) syscall(SYS_tgkill, (int)sal_process_id(), (int)sal_thread_id(), word * 32 + bit);
+  }
+}
+
 void vorx_init_signal_manager(void) {
   if (!g_signal_manager) vorx_alloc_signal_manager(&g_signal_manager);
 }
@@ -400,6 +428,7 @@ bool vorx_signal_default_terminates(int signo) {
 }
 
 void vorx_flush_before_death(int signo) {
+  if (t_fault_inside_collector) return;
   if (__atomic_exchange_n(&g_flushed_for_death, 1, __ATOMIC_ACQ_REL)) return;
   if (g_vorx_is_rtl_initialized != 1) return;
   VORX_LOG(vorx_log_level_info, "signal %d ends the process: its traces are written first", signo);

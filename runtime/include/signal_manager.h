@@ -79,7 +79,7 @@ typedef struct vorx_completion_object {
   siginfo_t info;
 } vorx_completion_object;
 
-#define VORX_DEFERRED_SIGNALS 32
+#define VORX_DEFERRED_SIGNALS 16
 
 typedef struct vorx_signal_descr vorx_signal_descr;
 struct vorx_signal_descr {

@@ -279,6 +279,11 @@ vorx_u32_t vorx_thread_manager_iterate(vorx_thr_mgr_t* mgr, vorx_ts_desc_t* own_
 vorx_u32_t vorx_thread_manager_enumerate(vorx_thr_mgr_t* mgr, vorx_thread_manager_walk_cbk_t callback,
                                          void* data);
 void vorx_thread_manager_complete_threads(vorx_thr_mgr_t* mgr);
+/* Non-zero while the calling thread is inside the manager's slower paths (its guard is up): a signal
+ * handler must not use the manager then. Signals counted in vorx_t_tm_signals_waiting meanwhile are handed
+ * to vorx_thread_manager_signals_hook, if the program has one, as soon as the guard is down. */
+int vorx_thread_manager_busy_here(vorx_thr_mgr_t* mgr);
+extern __thread vorx_u32_t vorx_t_tm_signals_waiting __attribute__((tls_model("initial-exec")));
 void vorx_thread_manager_reset_threads(vorx_thr_mgr_t* mgr);
 
 /* Cache-line allocation of the manager's blocks: `size` bytes zeroed. Freeing

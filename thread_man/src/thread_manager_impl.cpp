@@ -26,6 +26,8 @@
 extern "C" {
 vorx_thr_mgr_t* g_vorx_thread_manager = nullptr;
 __thread vorx_tm_slot_mirror_t vorx_t_tm_slot __attribute__((tls_model("initial-exec")));
+__thread vorx_u32_t vorx_t_tm_signals_waiting __attribute__((tls_model("initial-exec")));
+extern "C" void vorx_thread_manager_signals_hook(void) __attribute__((weak));
 vorx_u32_t g_vorx_tm_slot_generation = 1;
 }
 
@@ -85,6 +87,13 @@ inline void slot_write(mgr_t* m, const void* v) {
   __atomic_signal_fence(__ATOMIC_SEQ_CST);
   pthread_setspecific(S(m).key, v);
   mirror_keep(m, const_cast<void*>(v));
+}
+
+/* Signals that came while this thread was inside the manager's slower paths wait until it is out of them
+ * (the signal layer counts them here); the manager's own state must never be met half changed. */
+inline void guard_down_done() {
+  if (__builtin_expect(vorx_t_tm_signals_waiting != 0, 0) && vorx_thread_manager_signals_hook)
+    vorx_thread_manager_signals_hook();
 }
 
 /* Every mirror taken so far is out of date. */
@@ -289,10 +298,12 @@ void tls_enable_recursion(mgr_t* m, desc_t* self) {
     VORX_TM_ASSERT_DESC(self->l1.data.magic == VORX_TM_MAGIC, self);
     VORX_TM_ASSERT_DESC(self->l1.data.flags[vorx_ts_desc_fl_recursive] != 0, self);
     D(self).flags[vorx_ts_desc_fl_recursive] = 0;
+    guard_down_done();
     return;
   }
   if (self == nullptr) {
     slot_write(m, nullptr);
+    guard_down_done();
     return;
   }
   desc_t* desc = self;
@@ -659,6 +670,7 @@ vorx_u32_t enter_lookup(mgr_t* m, desc_t** key, void** out_data, vorx_u32_t tid,
   storage_unlock(m);
   slot_write(m, d);
   if (old) D(old).flags[vorx_ts_desc_fl_recursive] = 0;
+  guard_down_done();
   *key = d;
   return enter_judge(m, d, blocked, out_data);
 }
@@ -669,6 +681,7 @@ vorx_u32_t enter_wait(mgr_t* m, desc_t** key, void** out_data, desc_t* d) {
   vorx_u32_t blocked = ts_desc_block(d, (vorx_s32_t)D(d).tid);
   if (in_storage(d)) {
     D(d).flags[vorx_ts_desc_fl_recursive] = 0;
+    guard_down_done();
     return enter_judge(m, d, blocked, out_data);
   }
   if (blocked == vorx_tls_op_err_ok) ts_desc_unblock(d);
@@ -883,6 +896,13 @@ vorx_u32_t vorx_thread_manager_unregister(vorx_thr_mgr_t* m, vorx_u32_t tid, voi
 }
 
 void vorx_thread_manager_forget_slot(vorx_thr_mgr_t* m) { slot_write(m, nullptr); }
+
+int vorx_thread_manager_busy_here(vorx_thr_mgr_t* m) {
+  if (!m || m->magic != VORX_TM_MAGIC || m->state != vorx_thr_mgr_st_threads_enabled) return 0;
+  void* slot = slot_read(m);
+  if ((uintptr_t)slot == vorx_ts_desc_ma_busy) return 1;
+  return is_pointer(slot) && magic_ok((desc_t*)slot) && D((desc_t*)slot).flags[vorx_ts_desc_fl_recursive];
+}
 
 vorx_u32_t vorx_thread_manager_enter(vorx_thr_mgr_t* m, vorx_ts_desc_t** key, void** out_data) {
   if (__builtin_expect(!m || m->state != vorx_thr_mgr_st_threads_enabled, 0))
