@@ -14,6 +14,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "sal.h"
 #include "signal_manager.h"
@@ -245,10 +247,23 @@ vorx_u32_t vorx_alloc_signal_descr(vorx_signal_descr** out, vorx_u32_t altstack_
   return d->owner == sal_thread_id() ? d->initialise(d) : (vorx_u32_t)vorx_sig_ok;
 }
 
+// Signals still queued when a descriptor goes (its thread ends, or the collection does) are sent to the
+// thread again, as they came: a thread that leaves the collector for good must not take them along.
+static void resend_deferred(vorx_signal_descr* d) {
+  vorx_u32_t n = __atomic_exchange_n(&d->deferred_count, 0u, __ATOMIC_ACQ_REL);
+  for (vorx_u32_t i = 0; i < n && i < VORX_DEFERRED_SIGNALS; ++i) {
+    vorx_completion_object& o = d->deferred[i];
+    if (syscall(SYS_rt_tgsigqueueinfo, (int)sal_process_id(), (int)d->owner, o.signo, &o.info) != 0)
+      syscall(SYS_tgkill, (int)sal_process_id(), (int)d->owner, o.signo);
+  }
+}
+
 // A descriptor is freed only by its own thread: another thread that ends a collection leaves it, since its
 // thread may be between letting go of its workspace and delivering what it deferred.
 void vorx_free_signal_descr(vorx_signal_descr* d) {
-  if (!d || d->owner != sal_thread_id()) return;
+  if (!d) return;
+  resend_deferred(d);
+  if (d->owner != sal_thread_id()) return;
   d->finalise(d);
   free(d);
 }
