@@ -94,7 +94,9 @@ vorx_u32_t op_initialise(vorx_signal_descr* d) {
     if (d->application_altstack.ss_size >= d->altstack_min_size) return vorx_sig_ok;
     return vorx_sig_special;  // the application's stack is too small, and it stays
   }
-  return install_own_altstack(d) ? vorx_sig_ok : vorx_sig_special;
+  // Short of memory, the thread samples on its own stack, as it would without the collector's.
+  if (!install_own_altstack(d)) VORX_LOG(vorx_log_level_trace, "no alternate stack of the collector's: memory is short");
+  return vorx_sig_ok;
 }
 
 void op_finalise(vorx_signal_descr* d) {

@@ -285,10 +285,12 @@ extern "C" void real_signal_handler(int signo, siginfo_t* info, void* context) {
   // A fault while the collector reads the program's memory goes back to the read's protected frame.
   if (is_true_fault(signo, info)) vorx_throw_if_protected(signo);
   vorx_signal_manager* m = g_signal_manager;
-  if (m->is_deferable_hander[signo] && !is_true_fault(signo, info) &&
-      vorx_thread_manager_busy_here(g_vorx_thread_manager)) {
-    wait_for_manager(signo);
-    return;
+  if (vorx_thread_manager_busy_here(g_vorx_thread_manager)) {
+    if (m->is_deferable_hander[signo] && !is_true_fault(signo, info)) {
+      wait_for_manager(signo);
+      return;
+    }
+    t_fault_inside_collector = 1;  // the manager's state is half changed: it can write nothing out now
   }
   vorx_ts_desc_t* key = nullptr;
   void* data = nullptr;

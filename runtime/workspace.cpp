@@ -113,6 +113,22 @@ void alloc_signal_descr(vorx_workspace* wsp, const vorx_registration_data* reg) 
   if (result == kSignalStackTooSmall) vorx_report(vorx_msg_sigaltstack_too_small);
 }
 
+/* The process's units, which threads share without per-thread files, or when their own can't be made. */
+void borrow_process_units(vorx_workspace* wsp) {
+  void* global = nullptr;
+  vorx_u32_t locked = vorx_thread_manager_lock_global(g_vorx_thread_manager, &global);
+  VORX_ASSERT_MSG(locked == vorx_thread_manager_op_err_ok, "global_locked == %d", (int)locked);
+  wsp->master_tmu = W(global)->master_tmu;
+  wsp->aux_tmu = W(global)->aux_tmu;
+  vorx_thread_manager_unlock_global(g_vorx_thread_manager);
+}
+
+bool is_process_unit(const vorx_tmu_t* unit) {
+  void* global = g_vorx_thread_manager ? __atomic_load_n(&g_vorx_thread_manager->global, __ATOMIC_ACQUIRE) : nullptr;
+  if ((uintptr_t)global <= vorx_tsd_glob_ma_eof) return false;
+  return unit == W(global)->master_tmu || unit == W(global)->aux_tmu;
+}
+
 /* Steps shared by the first and the second construction. */
 void construct_common(vorx_workspace* wsp, const vorx_registration_data* reg) {
   if (reg) {
@@ -277,16 +293,15 @@ vorx_u32_t vorx_suspend_thread(void* block, void*) {
 
 vorx_u32_t vorx_attach_thread(void* block, void*) {
   vorx_workspace* wsp = W(block);
+  bool own_units = false;
   if (per_thread_files()) {
     /* One scratch string each: an allocator holds a single block. */
     sal_allocator master_name = SAL_ALLOCATOR_INITIALIZER(sal_allocator_type_heap);
     sal_allocator aux_name = SAL_ALLOCATOR_INITIALIZER(sal_allocator_type_heap);
-    vorx_init_per_thread_tmu(wsp->thread, false, &master_name, &wsp->master_tmu);
-    vorx_init_per_thread_tmu(wsp->thread, true, &aux_name, &wsp->aux_tmu);
-    VORX_ASSERT(wsp->master_tmu != ((void *)0));
-    VORX_ASSERT(wsp->aux_tmu != ((void *)0));
-    ring_mode_if_configured(wsp->aux_tmu);
-    if (conf()->stracing && vorx_start_stracing) {
+    own_units = vorx_init_per_thread_tmu(wsp->thread, false, &master_name, &wsp->master_tmu) &&
+                vorx_init_per_thread_tmu(wsp->thread, true, &aux_name, &wsp->aux_tmu);
+    if (own_units) ring_mode_if_configured(wsp->aux_tmu);
+    if (own_units && conf()->stracing && vorx_start_stracing) {
       master_name.vtbl->destroy(&master_name);
       char* name = nullptr;
       vorx_generate_thread_trace_filename("strace", wsp->thread, &master_name, &name);
@@ -294,17 +309,13 @@ vorx_u32_t vorx_attach_thread(void* block, void*) {
     }
     master_name.vtbl->destroy(&master_name);
     aux_name.vtbl->destroy(&aux_name);
-  } else {
-    if (wsp->master_tmu || wsp->aux_tmu) VORX_LOG(vorx_log_level_trace, "Deleting TMU");
-    if (wsp->master_tmu) g_vorx_tmu_creator->free_unit(g_vorx_tmu_creator, wsp->master_tmu);
-    if (wsp->aux_tmu) g_vorx_tmu_creator->free_unit(g_vorx_tmu_creator, wsp->aux_tmu);
-    wsp->master_tmu = wsp->aux_tmu = nullptr;
-    void* global = nullptr;
-    vorx_u32_t locked = vorx_thread_manager_lock_global(g_vorx_thread_manager, &global);
-    VORX_ASSERT_MSG(locked == vorx_thread_manager_op_err_ok, "global_locked == %d", (int)locked);
-    wsp->master_tmu = W(global)->master_tmu;
-    wsp->aux_tmu = W(global)->aux_tmu;
-    vorx_thread_manager_unlock_global(g_vorx_thread_manager);
+    // Short of memory for the thread's own units: its records go into its process's trace.
+    if (!own_units) VORX_LOG(vorx_log_level_warning, "thread %u writes into its process's trace", wsp->thread);
+  }
+  if (!own_units) {
+    vorx_discard_per_thread_tmu(&wsp->master_tmu);
+    vorx_discard_per_thread_tmu(&wsp->aux_tmu);
+    borrow_process_units(wsp);
   }
   if (vorx_put_initial_thread_records) vorx_put_initial_thread_records(wsp);
   if (cpu_sampling_on() && vorx_generate_sample_record) vorx_generate_sample_record(wsp, nullptr, nullptr);
@@ -364,16 +375,17 @@ void vorx_init_per_process_tmu(bool aux, vorx_tmu_t** out) {
   names.vtbl->destroy(&names);
 }
 
-void vorx_init_per_thread_tmu(vorx_u32_t thread_id, bool aux, sal_allocator* allocator, vorx_tmu_t** out) {
+bool vorx_init_per_thread_tmu(vorx_u32_t thread_id, bool aux, sal_allocator* allocator, vorx_tmu_t** out) {
   char* name = nullptr;
   vorx_er_t made = vorx_generate_thread_trace_filename(aux ? "th.aux" : "th", thread_id, allocator, &name);
-  VORX_ASSERT(made == vorx_er_success);
+  if (made != vorx_er_success) return false;
   make_unit(vorx_tmu_per_thread, name, out);
+  return *out != nullptr;
 }
 
 void vorx_discard_per_thread_tmu(vorx_tmu_t** slot) {
-  // A forked child forgets the parent's units: the parent writes them.
-  if (*slot && per_thread_files() && !g_vorx_forked_child_reset)
+  // A forked child forgets the parent's units: the parent writes them. Borrowed units stay the process's.
+  if (*slot && !g_vorx_forked_child_reset && !is_process_unit(*slot))
     g_vorx_tmu_creator->free_unit(g_vorx_tmu_creator, *slot);
   *slot = nullptr;
 }

@@ -117,7 +117,8 @@ vorx_u32_t vorx_enable_workspace_threads(vorx_tls_key_t key, vorx_u32_t block_si
 
 /* Trace units. */
 void vorx_init_per_process_tmu(bool aux, vorx_tmu_t** out_tmu);
-void vorx_init_per_thread_tmu(vorx_u32_t thread_id, bool aux, sal_allocator* allocator, vorx_tmu_t** out_tmu);
+/* False when the unit can't be made (memory is short). */
+bool vorx_init_per_thread_tmu(vorx_u32_t thread_id, bool aux, sal_allocator* allocator, vorx_tmu_t** out_tmu);
 void vorx_discard_per_thread_tmu(vorx_tmu_t** tmu_slot);
 /* The process's master unit, held by the global workspace. */
 vorx_tmu_t* vorx_global_process_tmu(void* global);
