@@ -57,7 +57,10 @@ std::optional<ProcessInfo> ProcessTable::on_exit(pid_t pid, int wait_status) {
   p.dead = true;
   p.died_at = Clock::now();
   if (WIFEXITED(wait_status)) p.exit_code = WEXITSTATUS(wait_status);
-  if (WIFSIGNALED(wait_status)) p.exit_signal = WTERMSIG(wait_status);
+  if (WIFSIGNALED(wait_status)) {
+    p.exit_signal = WTERMSIG(wait_status);
+    p.core_dumped = WCOREDUMP(wait_status);
+  }
   return p;
 }
 
@@ -111,7 +114,8 @@ std::optional<ProcessInfo> ProcessTable::find(pid_t pid) const {
 
 std::string describe_exit(const ProcessInfo &p) {
   if (p.exit_signal)
-    return "killed by signal " + std::to_string(*p.exit_signal) + " (" + strsignal(*p.exit_signal) + ")";
+    return "killed by signal " + std::to_string(*p.exit_signal) + " (" + strsignal(*p.exit_signal) + ")" +
+           (p.core_dumped ? ", core dumped" : "");
   if (p.exit_code) return "exited with status " + std::to_string(*p.exit_code);
   return "gone";
 }

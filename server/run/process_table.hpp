@@ -30,6 +30,7 @@ struct ProcessInfo {
   bool dead = false;          // reaped, or found gone
   std::optional<int> exit_code;
   std::optional<int> exit_signal;
+  bool core_dumped = false;
   std::uint64_t records_lost = 0;  // trace records the collector dropped, summed over the images
   unsigned loss_causes = 0;         // bits: 1 refused writes, 2 no memory, 4 a record too big
   Clock::time_point first_seen;
