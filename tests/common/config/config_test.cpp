@@ -175,11 +175,6 @@ TEST(Configuration, SettersCopyAndRefuseNull) {
   EXPECT_EQ(c->ops->set_data_dir(c.get(), nullptr), vorx_er_general_failure);
   EXPECT_STREQ(c->ops->get_data_dir(c.get()), "/data/");
   EXPECT_EQ(c->ops->set_word_list_1(c.get(), nullptr), vorx_er_general_failure);
-  ASSERT_EQ(c->ops->set_state(c.get(), vorx_st_paused), vorx_er_success);
-  EXPECT_EQ(c->ops->get_state(c.get()), (uint32_t)vorx_st_paused);
-  c->ops->or_module_map_flags(c.get(), 1);
-  c->ops->or_module_map_flags(c.get(), 4);
-  EXPECT_EQ(c->ops->get_module_map_flags(c.get()), 5u);
 }
 
 TEST(Configuration, CloneIsDeep) {
@@ -298,98 +293,53 @@ TEST(Packet, AListWithAnEmptyItemCannotBePacked) {
   EXPECT_TRUE(pack(c.get()).empty());
 }
 
-TEST(Packet, PackerKeepsOnlyItsLatestPacket) {
-  ConfPtr a = make_full_conf(), b = make_conf();
-  PackagerPtr packager(vorx_alloc_configuration_packager());
-  size_t size_a = 0, size_b = 0;
-  ASSERT_TRUE(packager->ops->pack(packager.get(), a.get(), &size_a));
-  const void *pb = packager->ops->pack(packager.get(), b.get(), &size_b);
-  ASSERT_TRUE(pb);
-  EXPECT_EQ(packager->packet, pb);
-  EXPECT_EQ(packager->packet_size, size_b);
-}
-
 // Damaged packets: each must be refused without reading past the bytes given.
 // The copies are exactly sized, so AddressSanitizer or valgrind would see a
 // stray read.
-class DamagedPacket : public ::testing::Test {
- protected:
-  std::vector<unsigned char> good = pack(make_full_conf().get());
-  static std::vector<unsigned char> with_size(std::vector<unsigned char> p, size_t size) {
-    p.resize(size);
-    uint32_t count = (uint32_t)size;
-    std::memcpy(p.data(), &count, 4);
-    return p;
-  }
-};
-
-TEST_F(DamagedPacket, ShorterThanTheFixedPart) {
-  EXPECT_FALSE(unpack(std::vector<unsigned char>(good.begin(), good.begin() + 375)));
-  EXPECT_FALSE(unpack({}));
-}
-
-TEST_F(DamagedPacket, SizeWordBeyondTheBytesReceived) {
-  auto p = good;
-  p.pop_back();
-  EXPECT_FALSE(unpack(p));
-}
-
-TEST_F(DamagedPacket, SizeWordBelowTheFixedPart) {
-  auto p = good;
-  uint32_t count = 100;
+std::vector<unsigned char> with_size(std::vector<unsigned char> p, size_t size) {
+  p.resize(size);
+  uint32_t count = (uint32_t)size;
   std::memcpy(p.data(), &count, 4);
-  EXPECT_FALSE(unpack(p));
+  return p;
 }
 
-TEST_F(DamagedPacket, EveryTruncationIsRefused) {
+TEST(Packet, DamagedPacketsAreRefused) {
+  const std::vector<unsigned char> good = pack(make_full_conf().get());
+  std::vector<unsigned char> size_too_large = good, size_too_small = good;
+  size_too_large.pop_back();
+  uint32_t hundred = 100;
+  std::memcpy(size_too_small.data(), &hundred, 4);
+  const struct {
+    const char *what;
+    std::vector<unsigned char> packet;
+  } cases[] = {
+      {"empty", {}},
+      {"shorter than the fixed part", {good.begin(), good.begin() + 375}},
+      {"size word beyond the bytes received", size_too_large},
+      {"size word below the fixed part", size_too_small},
+  };
+  for (const auto &c : cases) EXPECT_FALSE(unpack(c.packet)) << c.what;
+  // Every cut of the variable part: word lists, strings without their NUL,
+  // string lists without their end.
   for (size_t size = 376; size < good.size(); size++)
     EXPECT_FALSE(unpack(with_size(good, size))) << "size " << size;
-}
 
-TEST_F(DamagedPacket, StringWithoutItsNul) {
-  // Fixed part, empty word lists, then one string with no end.
-  std::vector<unsigned char> p(376 + 12, 0);
-  p.insert(p.end(), {'a', 'b', 'c'});
-  EXPECT_FALSE(unpack(with_size(p, p.size())));
-}
-
-TEST_F(DamagedPacket, WordListRunningOffTheEnd) {
-  std::vector<unsigned char> p(376, 0);
-  p.insert(p.end(), {1, 0, 0, 0, 2, 0, 0, 0, 3, 0});
-  EXPECT_FALSE(unpack(with_size(p, p.size())));
-}
-
-TEST_F(DamagedPacket, StringListRunningOffTheEnd) {
-  std::vector<unsigned char> p(376 + 12 + 8, 0);
-  for (const char *s : {"NAME", "value"}) p.insert(p.end(), s, s + std::strlen(s) + 1);
-  EXPECT_FALSE(unpack(with_size(p, p.size())));
-}
-
-TEST_F(DamagedPacket, TrailingBytesAfterTheBlockAreIgnored) {
-  auto p = good;
-  p.insert(p.end(), 16, 0xEE);
-  ConfPtr back = unpack(p);
-  ASSERT_TRUE(back);
+  auto trailing = good;
+  trailing.insert(trailing.end(), 16, 0xEE);
+  ConfPtr back = unpack(trailing);
+  ASSERT_TRUE(back) << "bytes after the block are ignored";
   EXPECT_STREQ(back->data_dir, "/tmp/res/");
 }
 
-TEST(Vocabulary, CollectionWords) {
-  EXPECT_EQ(vorx_string_to_collection("cpu"), (uint32_t)vorx_cl_cpu);
-  EXPECT_EQ(vorx_string_to_collection("opengles"), 14u);
-  EXPECT_EQ(vorx_string_to_collection("user_sync"), 8u);
-  EXPECT_EQ(vorx_string_to_collection("CPU"), 15u);
-  EXPECT_EQ(vorx_string_to_collection("opencl_ex"), 11u);
-  EXPECT_EQ(vorx_string_to_collection("gpu"), (uint32_t)vorx_cl_eof);
-  EXPECT_STREQ(vorx_collection_to_string(15), "<unknown collection>");
-  for (uint32_t i = 0; i < vorx_cl_eof; i++) {
+// The words are the server's protocol: collections by name on its command
+// line, states and commands in the texts exchanged.
+TEST(Vocabulary, WordsAndTheirNumbers) {
+  for (uint32_t i = 0; i < vorx_cl_eof; i++)
     EXPECT_EQ(vorx_string_to_collection(vorx_collection_to_string(i)), i);
-  }
-}
-
-TEST(Vocabulary, StatesAndCommands) {
+  EXPECT_EQ(vorx_string_to_collection("opengles"), 14u);
+  EXPECT_EQ(vorx_string_to_collection("CPU"), (uint32_t)vorx_cl_eof) << "case matters";
+  EXPECT_STREQ(vorx_collection_to_string(vorx_cl_eof), "<unknown collection>");
   EXPECT_STREQ(vorx_state_to_string(0), "Pause");
-  EXPECT_STREQ(vorx_state_to_string(1), "Resume");
-  EXPECT_STREQ(vorx_state_to_string(2), "<Unknown state>");
   EXPECT_EQ(vorx_string_to_state("Resume"), 1u);
   EXPECT_EQ(vorx_string_to_state("Detach"), (uint32_t)vorx_st_eof);
   const char *words[] = {"state", "reattach", "attach", "stop", "ready", "config",
@@ -398,9 +348,8 @@ TEST(Vocabulary, StatesAndCommands) {
     EXPECT_EQ(vorx_string_to_command(words[i]), i);
     EXPECT_STREQ(vorx_command_to_string(i), words[i]);
   }
-  EXPECT_EQ(vorx_string_to_command("statex"), 12u);
-  EXPECT_EQ(vorx_string_to_command("State"), 12u);
-  EXPECT_EQ(vorx_string_to_command("state:Pause"), 12u);
+  for (const char *other : {"statex", "State", "state:Pause"})
+    EXPECT_EQ(vorx_string_to_command(other), 12u) << other;
   EXPECT_STREQ(vorx_command_to_string(12), "eof");
 }
 
@@ -426,53 +375,33 @@ bool probe_on(const vorx_configuration &c, unsigned bit) {
   return (c.active_probes[bit / 32] >> (bit % 32)) & 1u;
 }
 
-class ActiveProbes : public ::testing::Test {
- protected:
+TEST(ActiveProbes, CollectionsAndModesSelectTheProbes) {
   vorx_bitmap_t online[VORX_CONF_PROBE_WORDS] = {};
   vorx_bitmap_t stitching[VORX_CONF_PROBE_WORDS] = {};
+  online[0] = 1u << 3;
+  stitching[150 / 32] = 1u << (150 % 32);
   vorx_probe_sets sets{fake_collection_probes, online, stitching};
-  ConfPtr conf = make_conf();
-  void SetUp() override {
-    online[0] = 1u << 3;
-    stitching[150 / 32] = 1u << (150 % 32);
+  const struct {
+    const char *what;
+    std::vector<uint32_t> collections;
+    uint32_t offline_stack_walk, stitching_mode;
+    std::vector<unsigned> on, off;
+  } cases[] = {
+      {"collection 0 is always on", {}, 0, 2, {1, 559, 150, 3}, {11}},
+      {"selected collections are added", {vorx_cl_io, vorx_cl_opengles}, 0, 2, {1, 21, 141}, {31}},
+      {"offline walk drops the online walker", {}, 1, 2, {150, 1}, {3}},
+      {"stitching mode 1 drops the stitching probes", {}, 0, 1, {3, 1}, {150}},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    ConfPtr conf = make_conf();
+    for (uint32_t collection : c.collections) vorx_conf_add_collection(conf.get(), collection);
+    conf->offline_stack_walk = c.offline_stack_walk;
+    conf->stack_stitching_mode = c.stitching_mode;
+    vorx_conf_derive_active_probes(conf.get(), &sets);
+    for (unsigned bit : c.on) EXPECT_TRUE(probe_on(*conf, bit)) << bit;
+    for (unsigned bit : c.off) EXPECT_FALSE(probe_on(*conf, bit)) << bit;
   }
-};
-
-TEST_F(ActiveProbes, CollectionZeroIsAlwaysOn) {
-  vorx_conf_derive_active_probes(conf.get(), &sets);
-  EXPECT_TRUE(probe_on(*conf, 1));
-  EXPECT_TRUE(probe_on(*conf, 559));
-  EXPECT_TRUE(probe_on(*conf, 150));
-  EXPECT_TRUE(probe_on(*conf, 3));
-  EXPECT_FALSE(probe_on(*conf, 11));
-}
-
-TEST_F(ActiveProbes, SelectedCollectionsAreAdded) {
-  vorx_conf_add_collection(conf.get(), vorx_cl_io);
-  vorx_conf_add_collection(conf.get(), vorx_cl_opengles);
-  vorx_conf_derive_active_probes(conf.get(), &sets);
-  EXPECT_TRUE(probe_on(*conf, 1));
-  EXPECT_TRUE(probe_on(*conf, 21));
-  EXPECT_TRUE(probe_on(*conf, 141));
-  EXPECT_FALSE(probe_on(*conf, 31));
-}
-
-TEST_F(ActiveProbes, OfflineStackWalkRemovesTheOnlineWalkerProbes) {
-  conf->offline_stack_walk = 1;
-  vorx_conf_derive_active_probes(conf.get(), &sets);
-  EXPECT_FALSE(probe_on(*conf, 3));
-  EXPECT_TRUE(probe_on(*conf, 150));
-  EXPECT_TRUE(probe_on(*conf, 1));
-}
-
-TEST_F(ActiveProbes, StitchingModeOneRemovesTheStitchingProbes) {
-  conf->stack_stitching_mode = 1;
-  vorx_conf_derive_active_probes(conf.get(), &sets);
-  EXPECT_FALSE(probe_on(*conf, 150));
-  EXPECT_TRUE(probe_on(*conf, 3));
-  conf->stack_stitching_mode = 2;
-  vorx_conf_derive_active_probes(conf.get(), &sets);
-  EXPECT_TRUE(probe_on(*conf, 150));
 }
 
 }  // namespace
