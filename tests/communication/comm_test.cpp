@@ -47,14 +47,11 @@ TEST(Address, TextAndLimits) {
   // "/tmp/_server_" is 13 characters: a domain of 94 and a 1-digit id make 108.
   std::string domain(94, 'd');
   EXPECT_EQ(comm_format_address(text, sizeof(text), domain.c_str(), 1), vorx_er_general_failure);
+  comm_server server;
+  EXPECT_NE(comm_server_establish(&server, domain.c_str(), 1), vorx_er_success);
   domain.pop_back();
   EXPECT_EQ(comm_format_address(text, sizeof(text), domain.c_str(), 1), vorx_er_success);
   EXPECT_EQ(strlen(text), 107u);
-}
-
-TEST(Server, LongDomainCannotBeEstablished) {
-  comm_server server;
-  EXPECT_NE(comm_server_establish(&server, std::string(94, 'd').c_str(), 1), vorx_er_success);
 }
 
 TEST(Server, LivesInTheAbstractNamespace) {
@@ -75,92 +72,81 @@ TEST(Client, NoServerIsAConnectionFailure) {
   EXPECT_EQ(client.socket, -1);
 }
 
-TEST(Frames, RoundTripBothWays) {
-  std::string domain = unique_domain("frames");
+// Runs peer(connection) on the server's side of one connection while body(client) talks to it.
+template <typename Peer, typename Body>
+void with_peer(const char *tag, Peer peer, Body body) {
+  std::string domain = unique_domain(tag);
   Server s(domain);
   ASSERT_EQ(s.result, vorx_er_success);
-  std::thread peer([&] {
+  std::thread thread([&] {
     comm_client c;
     ASSERT_EQ(comm_server_wait_client(&s.server, &c), vorx_er_success);
+    peer(c);
+    comm_client_destroy(&c);
+  });
+  comm_client c;
+  EXPECT_EQ(comm_client_connect(&c, domain.c_str(), 7), vorx_er_success);
+  if (c.socket >= 0) body(c);
+  comm_client_destroy(&c);
+  thread.join();
+}
+
+TEST(Frames, RoundTripBothWays) {
+  auto echo = [](comm_client &c) {
     Allocator alloc;
     void *frame;
     uint32_t length;
     ASSERT_EQ(comm_client_recv(&c, &frame, &length, alloc.get()), vorx_er_success);
-    std::string got(static_cast<char *>(frame), length);
-    std::string reply = "re:" + got;
+    std::string reply = "re:" + std::string(static_cast<char *>(frame), length);
     EXPECT_EQ(comm_client_send(&c, reply.data(), (uint32_t)reply.size()), vorx_er_success);
-    comm_client_destroy(&c);
+  };
+  with_peer("frames", echo, [](comm_client &c) {
+    EXPECT_EQ(comm_client_send(&c, nullptr, 3), vorx_er_general_failure);
+    EXPECT_EQ(comm_client_send(&c, "x", 0), vorx_er_general_failure);
+    ASSERT_EQ(comm_client_send(&c, "ready:42", 8), vorx_er_success);
+    Allocator alloc;
+    void *frame;
+    uint32_t length;
+    ASSERT_EQ(comm_client_recv(&c, &frame, &length, alloc.get()), vorx_er_success);
+    EXPECT_EQ(std::string(static_cast<char *>(frame), length), "re:ready:42");
   });
-  comm_client c;
-  ASSERT_EQ(comm_client_connect(&c, domain.c_str(), 7), vorx_er_success);
-  EXPECT_EQ(comm_client_send(&c, nullptr, 3), vorx_er_general_failure);
-  EXPECT_EQ(comm_client_send(&c, "x", 0), vorx_er_general_failure);
-  ASSERT_EQ(comm_client_send(&c, "ready:42", 8), vorx_er_success);
-  Allocator alloc;
-  void *frame;
-  uint32_t length;
-  ASSERT_EQ(comm_client_recv(&c, &frame, &length, alloc.get()), vorx_er_success);
-  EXPECT_EQ(std::string(static_cast<char *>(frame), length), "re:ready:42");
-  comm_client_destroy(&c);
-  peer.join();
-}
-
-// Raw bytes on an accepted connection, for frames the layer would not send.
-void send_raw(int fd, const void *bytes, size_t size) {
-  ASSERT_EQ(send(fd, bytes, size, MSG_NOSIGNAL), (ssize_t)size);
 }
 
 TEST(Frames, ShortBodyAndClosedPeerFailWithoutOutput) {
-  std::string domain = unique_domain("short");
-  Server s(domain);
-  ASSERT_EQ(s.result, vorx_er_success);
-  std::thread peer([&] {
-    comm_client c;
-    ASSERT_EQ(comm_server_wait_client(&s.server, &c), vorx_er_success);
+  auto short_body = [](comm_client &c) {  // raw bytes: a frame the layer would not send
     uint32_t length = 100;
-    send_raw(c.socket, &length, 4);
-    send_raw(c.socket, "only ten..", 10);
-    comm_client_destroy(&c);
+    ASSERT_EQ(send(c.socket, &length, 4, MSG_NOSIGNAL), 4);
+    ASSERT_EQ(send(c.socket, "only ten..", 10, MSG_NOSIGNAL), 10);
+  };
+  with_peer("short", short_body, [](comm_client &c) {
+    Allocator alloc;
+    void *frame = reinterpret_cast<void *>(0x1);
+    uint32_t length = 77;
+    EXPECT_EQ(comm_client_recv(&c, &frame, &length, alloc.get()), vorx_er_connection_failure);
+    EXPECT_EQ(frame, reinterpret_cast<void *>(0x1));
+    EXPECT_EQ(length, 77u);
+    EXPECT_EQ(alloc.a.block, nullptr);  // the partial buffer went back
   });
-  comm_client c;
-  ASSERT_EQ(comm_client_connect(&c, domain.c_str(), 7), vorx_er_success);
-  Allocator alloc;
-  void *frame = reinterpret_cast<void *>(0x1);
-  uint32_t length = 77;
-  EXPECT_EQ(comm_client_recv(&c, &frame, &length, alloc.get()), vorx_er_connection_failure);
-  EXPECT_EQ(frame, reinterpret_cast<void *>(0x1));
-  EXPECT_EQ(length, 77u);
-  EXPECT_EQ(alloc.a.block, nullptr);  // the partial buffer went back
-  comm_client_destroy(&c);
-  peer.join();
 }
 
 TEST(Frames, RefusedBufferKeepsTheLengthForTheNextCall) {
-  std::string domain = unique_domain("pending");
-  Server s(domain);
-  ASSERT_EQ(s.result, vorx_er_success);
-  std::thread peer([&] {
-    comm_client c;
-    ASSERT_EQ(comm_server_wait_client(&s.server, &c), vorx_er_success);
+  auto big_frame = [](comm_client &c) {
     std::string big(64, 'b');
     EXPECT_EQ(comm_client_send(&c, big.data(), (uint32_t)big.size()), vorx_er_success);
     char ack;
     recv(c.socket, &ack, 1, 0);  // wait for the peer to close
-    comm_client_destroy(&c);
+  };
+  with_peer("pending", big_frame, [](comm_client &c) {
+    void *frame;
+    uint32_t length;
+    Allocator small(16);
+    EXPECT_EQ(comm_client_recv(&c, &frame, &length, small.get()), vorx_er_general_failure);
+    EXPECT_EQ(c.pending_length, 64u);
+    Allocator large;
+    ASSERT_EQ(comm_client_recv(&c, &frame, &length, large.get()), vorx_er_success);
+    EXPECT_EQ(std::string(static_cast<char *>(frame), length), std::string(64, 'b'));
+    EXPECT_EQ(c.pending_length, 0u);
   });
-  comm_client c;
-  ASSERT_EQ(comm_client_connect(&c, domain.c_str(), 7), vorx_er_success);
-  void *frame;
-  uint32_t length;
-  Allocator small(16);
-  EXPECT_EQ(comm_client_recv(&c, &frame, &length, small.get()), vorx_er_general_failure);
-  EXPECT_EQ(c.pending_length, 64u);
-  Allocator large;
-  ASSERT_EQ(comm_client_recv(&c, &frame, &length, large.get()), vorx_er_success);
-  EXPECT_EQ(std::string(static_cast<char *>(frame), length), std::string(64, 'b'));
-  EXPECT_EQ(c.pending_length, 0u);
-  comm_client_destroy(&c);
-  peer.join();
 }
 
 // ------------------------------------------------------------ control loop
@@ -239,12 +225,10 @@ TEST_F(ControlLoop, RefusedStartCommandEndsTheLoop) {
   EXPECT_EQ(outcome, 0);
   EXPECT_EQ(state.established, 0);
   EXPECT_TRUE(comm_control_server_loop_break(&state));  // nothing to stop
-}
 
-TEST(ControlBreak, BeforeTheServerIsUpIsANoOp) {
-  comm_control_state state{};
-  comm_control_server_init(&state);
-  EXPECT_TRUE(comm_control_server_loop_break(&state));
+  comm_control_state never_started{};
+  comm_control_server_init(&never_started);
+  EXPECT_TRUE(comm_control_server_loop_break(&never_started)) << "before the server is up: a no-op";
 }
 
 }  // namespace
