@@ -105,8 +105,6 @@ std::string dump_text(const void *object)
 
 TEST(VorxObject, RootClassesDescribeThemselves)
 {
-    EXPECT_EQ(vorx_class_get_object_size(vorx_class_t()), 8u);
-    EXPECT_EQ(vorx_class_get_object_size(vorx_meta_t()), 80u);
     EXPECT_EQ(vorx_object_get_class(vorx_meta_t()), vorx_meta_t()) << "its own class";
     EXPECT_EQ(vorx_class_get_superclass(vorx_meta_t()), vorx_class_t());
     EXPECT_EQ(vorx_class_get_superclass(vorx_class_t()), vorx_class_t());
@@ -229,14 +227,6 @@ struct HtableTest : ::testing::Test {
 
 } // namespace
 
-TEST_F(HtableTest, SizeIsAPowerOfTwo)
-{
-    EXPECT_EQ(table->size, 16u);
-    auto *odd = static_cast<vorx_htable *>(vorx_alloc_object(vorx_htable_t(), vorx_size_t{100}));
-    EXPECT_EQ(odd->size, 128u);
-    vorx_free_object(odd);
-}
-
 TEST_F(HtableTest, FreedSlotsAreReusedInTheirBucket)
 {
     auto [a, b] = same_bucket_keys();
@@ -251,8 +241,11 @@ TEST_F(HtableTest, FreedSlotsAreReusedInTheirBucket)
     EXPECT_FALSE(vorx_htable_contains(table, a));
 }
 
-TEST_F(HtableTest, AbsentKeysAndTheFreeMarker)
+TEST_F(HtableTest, SizeAbsentKeysAndTheFreeMarker)
 {
+    auto *odd = static_cast<vorx_htable *>(vorx_alloc_object(vorx_htable_t(), vorx_size_t{100}));
+    EXPECT_EQ(odd->size, 128u) << "a power of two";
+    vorx_free_object(odd);
     EXPECT_EQ(vorx_htable_delete(table, 42), vorx_er_general_failure);
     EXPECT_EQ(vorx_htable_insert(table, 0), vorx_er_general_failure) << "0 marks a free slot";
     EXPECT_EQ(vorx_htable_delete(table, 0), vorx_er_general_failure);
