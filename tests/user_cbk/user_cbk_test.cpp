@@ -37,18 +37,38 @@ protected:
     void TearDown() override { vorx_usr_cbk_fini(); }
 };
 
-TEST_F(UserCbk, ApplicationCallbackGetsAFreshEntryToWrap)
+TEST_F(UserCbk, RegisterAnswersByWhereTheCodeIs)
 {
-    vorx_usr_cbk_entry_t *entry = nullptr;
-    EXPECT_EQ(vorx_usr_cbk_register(kAppCode, 0x1234, &entry), vorx_usr_cbk_reg_wrap);
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(vorx_usr_cbk_get_user_addr(entry), kAppCode);
-    EXPECT_EQ(vorx_usr_cbk_get_user_param(entry), 0x1234u);
-    EXPECT_EQ(vorx_usr_cbk_get_wrapper_addr(entry), 0u);
+    vorx_usr_cbk_ignore_range(kHelperStart, kHelperEnd);
+    vorx_usr_cbk_ignore_addr(kOursStart + 0x300); // an entry point inside our own code
+    const struct {
+        const char *what;
+        vorx_address_t code, param;
+        vorx_usr_cbk_reg_t answer;
+        vorx_address_t wrapper; // as the fresh entry holds it
+    } cases[] = {
+        {"application code: a fresh entry to wrap", kAppCode, 0x1234, vorx_usr_cbk_reg_wrap, 0},
+        {"ignored helper: called directly", kHelperStart + 0x100, 5, vorx_usr_cbk_reg_direct,
+         kHelperStart + 0x100},
+        {"the end of a range is outside it", kHelperEnd, 5, vorx_usr_cbk_reg_wrap, 0},
+        {"an ignored address in our code is not ours: its parameter is no entry of ours",
+         kOursStart + 0x300, 0x77, vorx_usr_cbk_reg_direct, kOursStart + 0x300},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        vorx_usr_cbk_entry_t *entry = nullptr;
+        EXPECT_EQ(vorx_usr_cbk_register(c.code, c.param, &entry), c.answer);
+        ASSERT_NE(entry, nullptr);
+        EXPECT_EQ(vorx_usr_cbk_get_user_param(entry), c.param);
+        EXPECT_EQ(vorx_usr_cbk_get_wrapper_addr(entry), c.wrapper);
+        vorx_usr_cbk_unregister(entry);
+    }
 
-    vorx_usr_cbk_set_wrapper_addr(entry, kOursStart + 0x10, 0x99);
-    EXPECT_EQ(vorx_usr_cbk_get_wrapper_addr(entry), kOursStart + 0x10);
-    EXPECT_EQ(vorx_usr_cbk_get_wrapper_param(entry), 0x99u);
+    // Our own code without a parameter: an empty entry.
+    vorx_usr_cbk_entry_t *entry = nullptr;
+    EXPECT_EQ(vorx_usr_cbk_register(kOursStart + 4, 0, &entry), vorx_usr_cbk_reg_wrap);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_TRUE(all_words_zero(entry));
     vorx_usr_cbk_unregister(entry);
 }
 
@@ -64,41 +84,6 @@ TEST_F(UserCbk, OwnWrapperWithItsEntryIsUsedAsItStands)
     EXPECT_EQ(again, first);
     EXPECT_EQ(vorx_usr_cbk_get_user_addr(again), kAppCode) << "the earlier entry is not touched";
     vorx_usr_cbk_unregister(first);
-}
-
-TEST_F(UserCbk, OwnCodeWithoutParameterGetsAnEmptyEntry)
-{
-    vorx_usr_cbk_entry_t *entry = nullptr;
-    EXPECT_EQ(vorx_usr_cbk_register(kOursStart + 4, 0, &entry), vorx_usr_cbk_reg_wrap);
-    ASSERT_NE(entry, nullptr);
-    EXPECT_TRUE(all_words_zero(entry));
-    vorx_usr_cbk_unregister(entry);
-}
-
-TEST_F(UserCbk, IgnoredHelperCodeIsCalledDirectly)
-{
-    vorx_usr_cbk_ignore_range(kHelperStart, kHelperEnd);
-    vorx_usr_cbk_entry_t *entry = nullptr;
-    EXPECT_EQ(vorx_usr_cbk_register(kHelperStart + 0x100, 5, &entry), vorx_usr_cbk_reg_direct);
-    EXPECT_EQ(vorx_usr_cbk_get_wrapper_addr(entry), kHelperStart + 0x100);
-    EXPECT_EQ(vorx_usr_cbk_get_user_param(entry), 5u);
-    vorx_usr_cbk_unregister(entry);
-
-    // The end of a range is outside it.
-    EXPECT_EQ(vorx_usr_cbk_register(kHelperEnd, 5, &entry), vorx_usr_cbk_reg_wrap);
-    vorx_usr_cbk_unregister(entry);
-}
-
-TEST_F(UserCbk, IgnoredSingleAddressInsideOwnCodeIsNotOurs)
-{
-    const vorx_address_t entry_point = kOursStart + 0x300;
-    vorx_usr_cbk_ignore_addr(entry_point);
-    vorx_usr_cbk_entry_t *entry = nullptr;
-    EXPECT_EQ(vorx_usr_cbk_register(entry_point, 0x77, &entry), vorx_usr_cbk_reg_direct)
-        << "a parameter must not be taken for an entry of ours";
-    EXPECT_EQ(vorx_usr_cbk_get_user_param(entry), 0x77u);
-    EXPECT_EQ(vorx_usr_cbk_get_wrapper_addr(entry), entry_point);
-    vorx_usr_cbk_unregister(entry);
 }
 
 TEST_F(UserCbk, RangesAreListedOnceAndStillAcceptedAfterTheFirstRegistration)
@@ -127,18 +112,6 @@ TEST_F(UserCbk, OnlyTheFirstInitCounts)
     vorx_usr_cbk_init(0x1, 0x2);
     EXPECT_EQ(g_internal_domain_code_address_range.start, kOursStart);
     EXPECT_EQ(g_internal_domain_code_address_range.end, kOursEnd);
-}
-
-TEST_F(UserCbk, PropertiesHoldThreeIndependentWords)
-{
-    vorx_usr_cbk_entry_t *entry = nullptr;
-    vorx_usr_cbk_register(kAppCode, 0, &entry);
-    for (vorx_u32_t i = 0; i < VORX_USR_CBK_PROPERTIES; ++i)
-        vorx_usr_cbk_set_property(entry, i, 0xA0 + i);
-    for (vorx_u32_t i = 0; i < VORX_USR_CBK_PROPERTIES; ++i)
-        EXPECT_EQ(vorx_usr_cbk_get_property(entry, i), 0xA0 + i);
-    EXPECT_EQ(entry->spare, 0u);
-    vorx_usr_cbk_unregister(entry);
 }
 
 TEST_F(UserCbk, ConcurrentRegistrationsAndRangesStayConsistent)
