@@ -38,35 +38,33 @@ TEST(KelInit, ReadsToolSwitchesUpToTheProgram) {
   EXPECT_FALSE(knob_pause.IsSet());
 }
 
-TEST(KelInit, WriteOnceKnobRefusesSecondValue) {
-  Parse p = parse({"kel", "-t", "tool.so", "-prd_dir", "a", "-prd_dir", "b", "--", "app"});
-  EXPECT_TRUE(p.failed);
-  EXPECT_NE(p.errors.find("trying to overwrite write-once knob 'prd_dir'"), std::string::npos) << p.errors;
-  EXPECT_EQ(knob_dir.Value(), "a");
-}
-
 TEST(KelInit, AccumulatingKnobJoinsValues) {
   Parse p = parse({"kel", "-t", "tool.so", "-item", "a", "-item", "b", "--", "app"});
   ASSERT_FALSE(p.failed) << p.errors;
   EXPECT_EQ(knob_list.Value(), "a,b");
+  p = parse({"kel", "-log_level", "0", "-t", "tool.so", "--", "app"});
+  EXPECT_FALSE(p.failed) << "engine switches come before the tool: " << p.errors;
 }
 
-TEST(KelInit, UnknownSwitchesAreErrors) {
-  Parse p = parse({"kel", "-t", "tool.so", "-no_such", "1", "--", "app"});
-  EXPECT_TRUE(p.failed);
-  EXPECT_NE(p.errors.find("unknown switch '-no_such' for tool 'tool.so'"), std::string::npos) << p.errors;
-  // A tool switch in the engine's place is the engine's unknown switch.
-  p = parse({"kel", "-prd_dir", "x", "-t", "tool.so", "--", "app"});
-  EXPECT_TRUE(p.failed);
-  EXPECT_NE(p.errors.find("unknown engine switch '-prd_dir'"), std::string::npos) << p.errors;
-  p = parse({"kel", "-t", "tool.so", "-prd_dir"});
-  EXPECT_TRUE(p.failed);
-  EXPECT_NE(p.errors.find("needs a value"), std::string::npos) << p.errors;
-}
-
-TEST(KelInit, EngineSwitchesBeforeTheTool) {
-  Parse p = parse({"kel", "-log_level", "0", "-t", "tool.so", "--", "app"});
-  EXPECT_FALSE(p.failed) << p.errors;
+TEST(KelInit, BadCommandLinesAreNamed) {
+  const struct {
+    std::vector<std::string> args;
+    const char* error;
+  } cases[] = {
+      {{"kel", "-t", "tool.so", "-prd_dir", "a", "-prd_dir", "b", "--", "app"},
+       "trying to overwrite write-once knob 'prd_dir'"},
+      {{"kel", "-t", "tool.so", "-no_such", "1", "--", "app"}, "unknown switch '-no_such' for tool 'tool.so'"},
+      // A tool switch in the engine's place is the engine's unknown switch.
+      {{"kel", "-prd_dir", "x", "-t", "tool.so", "--", "app"}, "unknown engine switch '-prd_dir'"},
+      {{"kel", "-t", "tool.so", "-prd_dir"}, "needs a value"},
+  };
+  for (const auto& c : cases) {
+    Parse p = parse(c.args);
+    EXPECT_TRUE(p.failed) << c.error;
+    EXPECT_NE(p.errors.find(c.error), std::string::npos) << p.errors;
+  }
+  parse({"kel", "-t", "tool.so", "-prd_dir", "a", "-prd_dir", "b", "--", "app"});
+  EXPECT_EQ(knob_dir.Value(), "a") << "a write-once knob keeps its first value";
 }
 
 }  // namespace
