@@ -48,23 +48,6 @@ TEST_F(EnvironTest, AStoredNameAnswersSearchesForLongerNames)
         << "the setenv found DIR and kept it";
 }
 
-TEST_F(EnvironTest, DumpListsNewestFirst)
-{
-    vorx_environ_setenv(env, "A", "1", 0);
-    vorx_environ_setenv(env, "B", "2", 0);
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    vorx_object_dump_fd(env, fds[1]);
-    close(fds[1]);
-    char text[512] = {};
-    ASSERT_GT(read(fds[0], text, sizeof(text) - 1), 0);
-    close(fds[0]);
-    char expected[128];
-    snprintf(expected, sizeof(expected), " [struct vorx_environ]: addr = %p\n  B=2\n  A=1\n",
-             static_cast<void *>(env));
-    EXPECT_STREQ(text, expected);
-}
-
 TEST_F(EnvironTest, BadNamesAreAssertions)
 {
     for (const char *name : {"A=B", ""}) {
