@@ -77,19 +77,10 @@ inline enter_result enter(key_t& key, wsp_t*& wsp) {
 }
 inline void release(key_t key) { vorx_thread_manager_release(g_vorx_thread_manager, key); }
 
-// The collector's signals are held back with one store: a signal that comes now waits in the descriptor.
-inline void block_signals(wsp_t* wsp, mask_t& saved) {
-    saved = vorx_bs_unblocked;
-    vorx_signal_descr* d = wsp->signal_descr;
-    if (!d) return;
-    saved = d->fast_mask;
-    __atomic_store_n(&d->fast_mask, (uint32_t)vorx_bs_blocked, __ATOMIC_RELEASE);
-}
-// Restores the saved mask; true: the thread is still entered.
-inline bool unblock_signals(key_t&, wsp_t*& wsp, mask_t saved) {
-    if (vorx_signal_descr* d = wsp->signal_descr) __atomic_store_n(&d->fast_mask, saved, __ATOMIC_RELEASE);
-    return true;
-}
+// The collector's signals need no step of their own on entering: holding the descriptor is what makes a
+// signal wait (the handler finds the thread inside and queues it), so the fast mask stays as it is.
+inline void block_signals(wsp_t*, mask_t& saved) { saved = vorx_bs_unblocked; }
+inline bool unblock_signals(key_t&, wsp_t*&, mask_t) { return true; }
 // After the release: what came while the thread was inside.
 inline void complete_deferred_signals(wsp_t* wsp) {
     vorx_signal_descr* d = wsp->signal_descr;
