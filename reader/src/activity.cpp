@@ -189,6 +189,11 @@ std::string_view slice_kind_name(SliceKind k)
 
 void ActivityTracker::on_record(std::uint32_t pid, const Record &r)
 {
+  profile_.on_record(pid, r);
+  if (r.name() == "cpu_sample") { // a thread that only ran still has its track
+    ThreadTrack &t = threads_[{pid, std::uint32_t(num(r, "tid"))}];
+    t.last_time = std::max(t.last_time, num(r, "timestamp"));
+  }
   if (!r.schema || !r.schema->api) return;
   std::uint32_t tid = std::uint32_t(num(r, "tid"));
   ThreadTrack &t = threads_[{pid, tid}];
@@ -374,7 +379,10 @@ void ActivityTracker::finish()
     resolve_names(key.first, t);
     nest_slices(t.slices);
   }
+  if (recording_start_ > 0)
+    for (auto &[pid, modules] : modules_) modules.set_recorded_at(recording_start_);
   name_objects_by_symbol();
+  profile_.finish(modules_);
   for (auto &[pid, ops] : counter_ops_) {
     ProcessTrack &p = processes_[pid];
     std::stable_sort(ops.begin(), ops.end(), [](const CounterOp &a, const CounterOp &b) { return a.time < b.time; });

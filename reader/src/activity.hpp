@@ -7,6 +7,7 @@
 #include "api_roles.hpp"
 #include "object_symbols.hpp"
 #include "record_decoder.hpp"
+#include "sample_profile.hpp"
 
 #include <cstdint>
 #include <map>
@@ -79,11 +80,16 @@ public:
   void add_module(std::uint32_t pid, std::uint64_t start, std::uint64_t end, std::string path) {
     modules_[pid].add_module(start, end, std::move(path));
   }
-  // End of input: closes open slices, sorts and nests, resolves names, evaluates counters.
+  // When the collection began (seconds since the epoch): module files written later are not the
+  // ones that ran, and name nothing.
+  void set_recording_start(double seconds) { recording_start_ = seconds; }
+  // End of input: closes open slices, sorts and nests, resolves names, evaluates counters, names
+  // the samples' code.
   void finish();
 
   const std::map<ThreadKey, ThreadTrack> &threads() const { return threads_; }
   const std::map<std::uint32_t, ProcessTrack> &processes() const { return processes_; }
+  const SampleProfile &profile() const { return profile_; }
 
 private:
   struct Open {
@@ -123,6 +129,8 @@ private:
   std::map<ThreadKey, std::vector<Open>> open_;
   std::map<std::uint32_t, std::vector<CounterOp>> counter_ops_;
   std::map<std::uint32_t, ModuleSymbols> modules_;
+  SampleProfile profile_;
+  double recording_start_ = 0;
 };
 
 // Sorts one thread's slices by begin (longer first on ties) and gives each its depth and

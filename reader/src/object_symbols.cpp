@@ -1,6 +1,7 @@
 #include "object_symbols.hpp"
 
 #include <elf.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
@@ -39,7 +40,54 @@ std::span<const T> table_at(std::span<const unsigned char> file, std::uint64_t o
   return {reinterpret_cast<const T *>(file.data() + offset), static_cast<std::size_t>(count)};
 }
 
-template <class Ehdr, class Phdr, class Shdr, class Sym, unsigned char (*Type)(unsigned char)>
+// The GNU build-id in a note area, as hex; "" when the area holds none.
+template <class Nhdr>
+std::string build_id_in(std::span<const unsigned char> notes)
+{
+  auto align4 = [](std::uint64_t n) { return (n + 3) & ~std::uint64_t(3); };
+  std::uint64_t pos = 0;
+  while (notes.size() - pos >= sizeof(Nhdr)) {
+    Nhdr nh;
+    std::memcpy(&nh, notes.data() + pos, sizeof nh);
+    std::uint64_t name_at = pos + sizeof nh, desc_at = name_at + align4(nh.n_namesz);
+    if (desc_at > notes.size() || nh.n_descsz > notes.size() - desc_at) break;
+    if (nh.n_type == NT_GNU_BUILD_ID && nh.n_namesz == 4 && std::memcmp(notes.data() + name_at, "GNU", 4) == 0) {
+      static const char hex[] = "0123456789abcdef";
+      std::string id;
+      for (std::uint64_t i = 0; i < nh.n_descsz; i++) {
+        id += hex[notes[desc_at + i] >> 4];
+        id += hex[notes[desc_at + i] & 15];
+      }
+      return id;
+    }
+    pos = desc_at + align4(nh.n_descsz);
+  }
+  return {};
+}
+
+bool is_function(unsigned type) { return type == STT_FUNC || type == STT_GNU_IFUNC; }
+bool is_object(unsigned type) { return type == STT_OBJECT || type == STT_COMMON; }
+
+void sort_by_value(std::vector<ElfObjects::Symbol> &symbols)
+{
+  std::sort(symbols.begin(), symbols.end(),
+            [](const auto &a, const auto &b) { return a.value < b.value || (a.value == b.value && a.name < b.name); });
+}
+
+// The nearest symbols at or below the address; the first of them that holds it.
+const ElfObjects::Symbol *holder(const std::vector<ElfObjects::Symbol> &symbols, std::uint64_t address)
+{
+  auto after = std::upper_bound(symbols.begin(), symbols.end(), address,
+                                [](std::uint64_t a, const ElfObjects::Symbol &s) { return a < s.value; });
+  for (auto it = after; it != symbols.begin();) {
+    --it;
+    if (address - it->value < it->size) return &*it;
+    if (address - it->value > (std::uint64_t(1) << 24)) break; // nothing that large lies further down
+  }
+  return nullptr;
+}
+
+template <class Ehdr, class Phdr, class Shdr, class Sym, class Nhdr, unsigned char (*Type)(unsigned char)>
 std::unique_ptr<ElfObjects> read_class(std::span<const unsigned char> file)
 {
   if (file.size() < sizeof(Ehdr)) return nullptr;
@@ -55,6 +103,9 @@ std::unique_ptr<ElfObjects> read_class(std::span<const unsigned char> file)
     if ((ph.p_flags & PF_X) && out->exec_memsz == 0) out->exec_vaddr = ph.p_vaddr, out->exec_memsz = ph.p_memsz;
   }
   if (!any_load || out->exec_memsz == 0) return nullptr;
+  for (const Phdr &ph : table_at<Phdr>(file, eh.e_phoff, eh.e_phnum))
+    if (ph.p_type == PT_NOTE && out->build_id.empty())
+      out->build_id = build_id_in<Nhdr>(table_at<unsigned char>(file, ph.p_offset, ph.p_filesz));
   auto sections = table_at<Shdr>(file, eh.e_shoff, eh.e_shnum);
   // The full symbol table where the file kept it, else the dynamic one.
   const Shdr *symtab = nullptr;
@@ -65,44 +116,47 @@ std::unique_ptr<ElfObjects> read_class(std::span<const unsigned char> file)
   auto strings = table_at<char>(file, strtab.sh_offset, strtab.sh_size);
   for (const Sym &s : table_at<Sym>(file, symtab->sh_offset, symtab->sh_size / sizeof(Sym))) {
     unsigned type = Type(s.st_info);
-    if ((type != STT_OBJECT && type != STT_COMMON) || s.st_shndx == SHN_UNDEF || s.st_size == 0) continue;
+    if ((!is_object(type) && !is_function(type)) || s.st_shndx == SHN_UNDEF || s.st_size == 0) continue;
     if (s.st_name >= strings.size()) continue;
     const char *name = strings.data() + s.st_name;
     std::size_t length = strnlen(name, strings.size() - s.st_name);
     if (length == 0) continue;
-    out->symbols.push_back({s.st_value, s.st_size, std::string(name, length)});
+    (is_function(type) ? out->functions : out->symbols).push_back({s.st_value, s.st_size, std::string(name, length)});
   }
-  std::sort(out->symbols.begin(), out->symbols.end(),
-            [](const auto &a, const auto &b) { return a.value < b.value || (a.value == b.value && a.name < b.name); });
+  sort_by_value(out->symbols);
+  sort_by_value(out->functions);
   return out;
 }
 
 unsigned char type32(unsigned char info) { return ELF32_ST_TYPE(info); }
 unsigned char type64(unsigned char info) { return ELF64_ST_TYPE(info); }
 
+// A file changed after the collection began is another build than the one that ran.
+bool modified_since(const std::string &path, double seconds)
+{
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return true;
+  return double(st.st_mtim.tv_sec) + double(st.st_mtim.tv_nsec) * 1e-9 > seconds;
+}
+
 } // namespace
 
 std::string ElfObjects::name_at(std::uint64_t address) const
 {
-  auto after = std::upper_bound(symbols.begin(), symbols.end(), address,
-                                [](std::uint64_t a, const Symbol &s) { return a < s.value; });
-  // The closest symbols at or below the address; the first of them that holds it.
-  for (auto it = after; it != symbols.begin();) {
-    --it;
-    if (address - it->value < it->size)
-      return address == it->value ? it->name : it->name + "+" + std::to_string(address - it->value);
-    if (address - it->value > (std::uint64_t(1) << 24)) break; // nothing that large lies further down
-  }
-  return {};
+  const Symbol *s = holder(symbols, address);
+  if (!s) return {};
+  return address == s->value ? s->name : s->name + "+" + std::to_string(address - s->value);
 }
+
+const ElfObjects::Symbol *ElfObjects::function_at(std::uint64_t address) const { return holder(functions, address); }
 
 std::unique_ptr<ElfObjects> read_elf_objects(const std::string &path)
 {
   std::vector<unsigned char> bytes = read_file(path);
   if (bytes.size() < EI_NIDENT || std::memcmp(bytes.data(), ELFMAG, SELFMAG) != 0) return nullptr;
   if (bytes[EI_DATA] != ELFDATA2LSB) return nullptr;
-  if (bytes[EI_CLASS] == ELFCLASS32) return read_class<Elf32_Ehdr, Elf32_Phdr, Elf32_Shdr, Elf32_Sym, type32>(bytes);
-  if (bytes[EI_CLASS] == ELFCLASS64) return read_class<Elf64_Ehdr, Elf64_Phdr, Elf64_Shdr, Elf64_Sym, type64>(bytes);
+  if (bytes[EI_CLASS] == ELFCLASS32) return read_class<Elf32_Ehdr, Elf32_Phdr, Elf32_Shdr, Elf32_Sym, Elf32_Nhdr, type32>(bytes);
+  if (bytes[EI_CLASS] == ELFCLASS64) return read_class<Elf64_Ehdr, Elf64_Phdr, Elf64_Shdr, Elf64_Sym, Elf64_Nhdr, type64>(bytes);
   return nullptr;
 }
 
@@ -127,9 +181,24 @@ const ModuleSymbols::Module *ModuleSymbols::load(Module &m)
   std::uint64_t first = elf->exec_vaddr & ~(kPage - 1);
   std::uint64_t last = (elf->exec_vaddr + elf->exec_memsz + kPage - 1) & ~(kPage - 1);
   if (last - first != m.end - m.start) return nullptr;
+  if (recorded_at_ && modified_since(m.path, recorded_at_)) return nullptr;
   m.bias = m.start - first;
   m.objects = cached->second;
   return &m;
+}
+
+CodePlace ModuleSymbols::code_at(std::uint64_t address)
+{
+  auto above = modules_.upper_bound(address);
+  if (above == modules_.begin()) return {};
+  Module &m = std::prev(above)->second;
+  if (address >= m.end) return {};
+  CodePlace place{m.path, address - m.start};
+  if (const Module *trusted = load(m)) {
+    place.linked = address - trusted->bias;
+    place.elf = trusted->objects.get();
+  }
+  return place;
 }
 
 std::string ModuleSymbols::name_of(std::uint64_t address)

@@ -302,25 +302,22 @@ Frame frame_record(Bytes bytes)
 
 bool unpack_online_stack(Bytes packed, std::vector<std::uint32_t> &frames)
 {
-  // Items: a byte k (+0x40 for a negative value) and k value bytes; the first value and each
-  // one behind a zero frame are absolute, the others differences; outermost frame first.
+  // Items: a byte n (+0x40 for a negative value) and the n low bytes of the value, the higher
+  // bytes being its sign; the first value is an address, each further one its difference from the
+  // address before it. Return addresses, innermost first.
   frames.clear();
   std::size_t pos = 0;
-  bool absolute = true;
   std::uint32_t prev = 0;
   while (pos < packed.size()) {
     std::uint8_t head = packed[pos++];
-    unsigned k = head & 0x0F;
-    if (k > 4 || (head & ~0x4Fu) || packed.size() - pos < k) return false;
+    unsigned n = head & 0x0F;
+    if (n > 4 || (head & ~0x4Fu) || packed.size() - pos < n) return false;
     std::uint32_t v = (head & 0x40) ? 0xFFFFFFFFu : 0;
-    for (unsigned i = 0; i < k; i++) v = (v & ~(0xFFu << (8 * i))) | (std::uint32_t(packed[pos + i]) << (8 * i));
-    pos += k;
-    std::uint32_t frame = absolute ? v : prev + v;
-    frames.push_back(frame);
-    absolute = frame == 0;
-    prev = frame;
+    for (unsigned i = 0; i < n; i++) v = (v & ~(0xFFu << (8 * i))) | (std::uint32_t(packed[pos + i]) << (8 * i));
+    pos += n;
+    prev += v;
+    frames.push_back(prev);
   }
-  std::reverse(frames.begin(), frames.end());
   return true;
 }
 

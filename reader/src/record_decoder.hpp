@@ -54,8 +54,8 @@ Frame frame_record(Bytes bytes);
 // says which field broke; out keeps the fields read before it.
 bool decode_record(Bytes rec, Record &out, std::string &error);
 
-// The frames of an online stack's packed bytes, innermost first as the collector held them;
-// false when the bytes are not a whole number of items.
+// The return addresses of an online stack's packed bytes, innermost first; false when the bytes
+// are not a whole number of items.
 bool unpack_online_stack(Bytes packed, std::vector<std::uint32_t> &frames);
 
 // Records larger than this are taken for corruption: the collector never writes one.

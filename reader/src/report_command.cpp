@@ -1,6 +1,8 @@
-// `vorx report <results dir | trace file>... [--dump | --csv] [--chrome FILE] [--folded FILE]`
+// `vorx report <results dir | trace file>... [--dump | --csv] [--chrome FILE] [--folded FILE]
+//  [--folded-samples FILE] [--speedscope FILE]`
 #include "vorx_report.h"
 
+#include "profile_output.hpp"
 #include "trace_export.hpp"
 #include "process_endings.hpp"
 #include "trace_parser.hpp"
@@ -30,13 +32,20 @@ constexpr std::size_t kTerminalRows = 25;
 const char kUsage[] =
     "usage: vorx report <results directory | trace file>... [options]\n"
     "  prints processes and threads, then per thread the time spent waiting by function and by\n"
-    "  synchronisation object, I/O, allocations, tasks and frames (sorted by cost) and counters\n"
-    "  --all            every row of every table (the terminal shows the first 25)\n"
-    "  --csv            the same tables as CSV, one block a table, for scripts\n"
-    "  --chrome FILE    Chrome trace event JSON (chrome://tracing, Perfetto, speedscope)\n"
-    "  --folded FILE    folded stacks for flame graphs: process;thread;...;slice microseconds\n"
-    "  --dump           every record with its decoded fields, one record a line\n"
-    "  --no-progress    no progress line on the terminal\n";
+    "  synchronisation object, I/O, allocations, tasks and frames (sorted by cost) and counters;\n"
+    "  with CPU samples, the hot spots (self and total per function) and the call tree\n"
+    "  --all                   every row of every table and the whole call tree (the terminal\n"
+    "                          shows the first 25 rows and the branches of 1% or more)\n"
+    "  --csv                   the same tables as CSV, one block a table, for scripts\n"
+    "  --chrome FILE           Chrome trace event JSON (chrome://tracing, Perfetto, speedscope),\n"
+    "                          with the CPU samples and their stacks\n"
+    "  --folded FILE           folded stacks of tasks, waits and calls for flame graphs:\n"
+    "                          process;thread;...;slice microseconds\n"
+    "  --folded-samples FILE   folded stacks of the CPU samples for flame graphs:\n"
+    "                          process;thread;outermost;...;innermost function samples\n"
+    "  --speedscope FILE       the CPU samples in speedscope's file format, a profile a thread\n"
+    "  --dump                  every record with its decoded fields, one record a line\n"
+    "  --no-progress           no progress line on the terminal\n";
 
 // Writes one export through a temporary name, so that a failed run leaves no half file.
 template <typename Write>
@@ -175,7 +184,7 @@ extern "C" int command_report(int argc, char **argv)
 {
   using namespace vorx::report;
   bool dump = false, csv = false, all = false, progress = isatty(STDERR_FILENO);
-  std::string chrome, folded;
+  std::string chrome, folded, folded_samples, speedscope;
   std::vector<std::string> inputs;
   for (int i = 1; i < argc; i++) {
     std::string a = argv[i];
@@ -183,12 +192,12 @@ extern "C" int command_report(int argc, char **argv)
     else if (a == "--csv") csv = true;
     else if (a == "--all") all = true;
     else if (a == "--no-progress") progress = false;
-    else if (a == "--chrome" || a == "--folded") {
+    else if (a == "--chrome" || a == "--folded" || a == "--folded-samples" || a == "--speedscope") {
       if (i + 1 >= argc || argv[i + 1][0] == '\0') {
         std::fprintf(stderr, "vorx report: %s needs an output file name\n%s", a.c_str(), kUsage);
         return 2;
       }
-      (a == "--chrome" ? chrome : folded) = argv[++i];
+      (a == "--chrome" ? chrome : a == "--folded" ? folded : a == "--speedscope" ? speedscope : folded_samples) = argv[++i];
     }
     else if (a == "-h" || a == "--help") {
       std::fputs(kUsage, stdout);
@@ -225,5 +234,10 @@ extern "C" int command_report(int argc, char **argv)
     ok &= write_export(chrome, "Chrome trace", [&](std::ostream &o) { write_chrome_trace(o, parser.activity(), clock); });
   if (!folded.empty())
     ok &= write_export(folded, "folded stacks", [&](std::ostream &o) { write_folded(o, parser.activity(), clock); });
+  if (!folded_samples.empty())
+    ok &= write_export(folded_samples, "folded sample stacks",
+                       [&](std::ostream &o) { write_folded_samples(o, parser.activity()); });
+  if (!speedscope.empty())
+    ok &= write_export(speedscope, "speedscope profile", [&](std::ostream &o) { write_speedscope(o, parser.activity()); });
   return ok && !stats.any_loss(StatSource::Import) ? 0 : 1;
 }

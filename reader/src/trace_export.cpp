@@ -8,7 +8,6 @@
 #include <string>
 
 namespace vorx::report {
-namespace {
 
 void json_string(std::string &out, std::string_view s)
 {
@@ -27,6 +26,33 @@ void json_string(std::string &out, std::string_view s)
   }
   out += '"';
 }
+
+std::string process_label(std::uint32_t pid, const ActivityTracker &a)
+{
+  auto it = a.processes().find(pid);
+  return it != a.processes().end() && !it->second.name.empty() ? it->second.name + " (" + std::to_string(pid) + ")"
+                                                                 : "process " + std::to_string(pid);
+}
+
+std::string thread_label(std::uint32_t tid, const ThreadTrack &t)
+{
+  return t.name.empty() ? "thread " + std::to_string(tid) : t.name + " (" + std::to_string(tid) + ")";
+}
+
+std::string thread_label(const ActivityTracker &a, std::uint32_t pid, std::uint32_t tid)
+{
+  auto it = a.threads().find({pid, tid});
+  return it != a.threads().end() ? thread_label(tid, it->second) : "thread " + std::to_string(tid);
+}
+
+std::string folded_frame(std::string s)
+{
+  for (char &c : s)
+    if (c == ';' || c == '\n' || c == '\r') c = ':';
+  return s;
+}
+
+namespace {
 
 // As printf's "%.3f" writes it, without printf's cost: every slice has two of these.
 std::string fixed3(double v)
@@ -48,22 +74,12 @@ std::string json_number(double v)
   return b;
 }
 
-std::string process_label(std::uint32_t pid, const ActivityTracker &a)
-{
-  auto it = a.processes().find(pid);
-  return it != a.processes().end() && !it->second.name.empty() ? it->second.name + " (" + std::to_string(pid) + ")"
-                                                                 : "process " + std::to_string(pid);
-}
-
-std::string thread_label(std::uint32_t tid, const ThreadTrack &t)
-{
-  return t.name.empty() ? "thread " + std::to_string(tid) : t.name + " (" + std::to_string(tid) + ")";
-}
-
 class EventList {
 public:
   explicit EventList(std::ostream &out) : out_(out) { out_ << "{\"traceEvents\":[\n"; }
-  ~EventList() { out_ << "\n],\"displayTimeUnit\":\"ms\"}\n"; }
+  ~EventList() { out_ << "\n]" << tail_ << ",\"displayTimeUnit\":\"ms\"}\n"; }
+  // Members of the top object behind the event list, with their leading comma.
+  void set_tail(std::string tail) { tail_ = std::move(tail); }
   void add(const std::string &event)
   {
     out_ << (first_ ? "" : ",\n") << event;
@@ -73,7 +89,37 @@ public:
 private:
   std::ostream &out_;
   bool first_ = true;
+  std::string tail_;
 };
+
+// A node of a process's call tree as a stack frame id: "<pid>.<node>".
+std::string frame_id(std::uint32_t pid, std::uint32_t node) { return "\"" + std::to_string(pid) + "." + std::to_string(node) + "\""; }
+
+// ,"stackFrames":{id:{name, category (the module), parent}}: every node of every process's call tree.
+std::string stack_frames(const ActivityTracker &activity)
+{
+  std::string out = ",\"stackFrames\":{";
+  bool first = true;
+  for (const auto &[pid, p] : activity.profile().processes())
+    for (std::uint32_t n = 1; n < p.nodes.size(); n++) {
+      const ProfileFunction &f = p.functions[p.nodes[n].function];
+      out += (first ? "\n" : ",\n") + frame_id(pid, n) + ":{\"name\":";
+      json_string(out, f.name);
+      out += ",\"category\":";
+      json_string(out, f.module.empty() ? "?" : f.module);
+      if (p.nodes[n].parent) out += ",\"parent\":" + frame_id(pid, p.nodes[n].parent);
+      out += "}";
+      first = false;
+    }
+  return out + "}";
+}
+
+// A CPU sample as a sample event ("P") whose "sf" is its innermost frame.
+std::string sample_event(std::uint32_t pid, std::uint32_t tid, const ProfileSample &s, const ExportClock &clock)
+{
+  return "{\"name\":\"cpu sample\",\"cat\":\"sample\",\"ph\":\"P\",\"pid\":" + std::to_string(pid) +
+         ",\"tid\":" + std::to_string(tid) + ",\"ts\":" + fixed3(clock.micros(s.time)) + ",\"sf\":" + frame_id(pid, s.node) + "}";
+}
 
 // Viewers show the ids beside the names themselves.
 std::string plain_process_name(std::uint32_t pid, const ActivityTracker &a)
@@ -129,14 +175,6 @@ std::string counter(std::uint32_t pid, const std::string &name, const CounterPoi
          ",\"args\":{\"value\":" + json_number(p.value) + "}}";
 }
 
-// A frame of a folded stack: the separators of the format cannot stand inside it.
-std::string folded_frame(std::string s)
-{
-  for (char &c : s)
-    if (c == ';' || c == '\n' || c == '\r') c = ':';
-  return s;
-}
-
 } // namespace
 
 void write_chrome_trace(std::ostream &out, const ActivityTracker &activity, const ExportClock &clock)
@@ -158,6 +196,9 @@ void write_chrome_trace(std::ostream &out, const ActivityTracker &activity, cons
   for (const auto &[pid, p] : activity.processes())
     for (const auto &[id, c] : p.counters)
       for (const CounterPoint &point : c.points) events.add(counter(pid, c.name, point, clock));
+  for (const auto &[key, samples] : activity.profile().threads())
+    for (const ProfileSample &s : samples) events.add(sample_event(key.first, key.second, s, clock));
+  if (!activity.profile().processes().empty()) events.set_tail(stack_frames(activity));
 }
 
 void write_folded(std::ostream &out, const ActivityTracker &activity, const ExportClock &clock)

@@ -15,6 +15,15 @@ struct ExportClock {
   double micros_span(std::uint64_t counts) const { return double(counts) * 1e6 / (hz ? double(hz) : 1e9); }
 };
 
+// s as a JSON string, quotes included, appended to out.
+void json_string(std::string &out, std::string_view s);
+// "name (pid)" or "process pid"; "name (tid)" or "thread tid".
+std::string process_label(std::uint32_t pid, const ActivityTracker &a);
+std::string thread_label(std::uint32_t tid, const ThreadTrack &t);
+std::string thread_label(const ActivityTracker &a, std::uint32_t pid, std::uint32_t tid);
+// A frame of a folded stack: the separators of the format cannot stand inside it.
+std::string folded_frame(std::string s);
+
 // {"traceEvents":[...]}: "M" names of processes and threads, "X" slices in nesting order per
 // thread (args: the synchronisation object of a wait), "C" counter values; pid and tid as the
 // trace has them, ts and dur in microseconds from the first time stamp.

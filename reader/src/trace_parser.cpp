@@ -1,5 +1,6 @@
 #include "trace_parser.hpp"
 
+#include "profile_output.hpp"
 #include "report_tables.hpp"
 
 #include <algorithm>
@@ -213,6 +214,7 @@ void TraceParser::on_record(const Record &record, const Location &where)
 
 void TraceParser::finish(Stats &stats)
 {
+  if (marker_ && marker_->second) activity_.set_recording_start(double(marker_->second) / 1e7);
   activity_.finish();
   for (const auto &[tid, t] : threads_)
     if (t.begun && !t.ended) stats.add(Stat::threads_without_end);
@@ -239,10 +241,33 @@ std::string TraceParser::thread_time(const ThreadKey &key, const ThreadInfo &t) 
 
 void TraceParser::print_csv_tables() const
 {
-  for (const Table &t : build_tables(activity_, timesource_hz_)) {
+  std::vector<Table> tables = build_tables(activity_, timesource_hz_);
+  for (Table &t : build_profile_tables(activity_)) tables.push_back(std::move(t));
+  for (const Table &t : tables) {
     print_csv(out_, t);
     std::fprintf(out_, "\n");
   }
+}
+
+void TraceParser::print_profile(std::size_t max_rows) const
+{
+  const ProfileCounts &c = activity_.profile().counts();
+  std::fprintf(out_, "\n");
+  if (!c.samples) {
+    std::fprintf(out_, "no CPU samples in the traces (vorx run -c cpu collects them)\n");
+    return;
+  }
+  std::fprintf(out_, "CPU samples: %" PRIu64 ", %" PRIu64 " with a walked stack", c.samples, c.with_stack);
+  if (c.offline_stacks) std::fprintf(out_, ", %" PRIu64 " with a raw stack copy (not walked: sampled address only)", c.offline_stacks);
+  if (c.broken_stacks) std::fprintf(out_, ", %" PRIu64 " stacks undecodable", c.broken_stacks);
+  std::fprintf(out_, "\n");
+  for (const Table &t : build_profile_tables(activity_)) {
+    if (t.name == "call_tree") continue; // indented below
+    std::fprintf(out_, "\n");
+    print_table(out_, t, max_rows);
+  }
+  std::fprintf(out_, "\n");
+  print_call_tree(out_, activity_, max_rows, max_rows == 0);
 }
 
 void TraceParser::print_summary(const Stats &stats, std::size_t max_rows) const
@@ -311,6 +336,7 @@ void TraceParser::print_summary(const Stats &stats, std::size_t max_rows) const
     std::fprintf(o, "\n");
     print_table(o, t, max_rows);
   }
+  print_profile(max_rows);
   std::fprintf(o, "\n");
   std::fprintf(o, "records by type:\n");
   for (const auto &[name, n] : counts_) std::fprintf(o, "  %-20.*s %" PRIu64 "\n", int(name.size()), name.data(), n);

@@ -58,7 +58,8 @@ public:
   // What each process's collector said it dropped at its end (from the results directory). A trace
   // carries the count it had before its last spill; the larger of the two counts.
   void set_lost_records(LostRecords lost) { lost_ = std::move(lost); }
-  // The overview, then the tables (at most max_rows rows each on the terminal; 0: all).
+  // The overview, then the tables and the call tree (at most max_rows rows each on the terminal;
+  // 0: all, and the call tree's smallest branches too).
   void print_summary(const Stats &stats, std::size_t max_rows = 0) const;
   // The same tables as CSV, nothing else.
   void print_csv_tables() const;
@@ -78,6 +79,7 @@ private:
   LostRecords lost_;
   void track(const Record &r);
   void see_time(std::uint64_t t);
+  void print_profile(std::size_t max_rows) const;
   std::string thread_time(const ThreadKey &key, const ThreadInfo &t) const;
   std::uint32_t file_pid() const { return files_.empty() ? 0 : files_.back().pid.value_or(0); }
 

@@ -5,7 +5,9 @@
   - every pid and every (pid, tid) with slices is named by an "M" event;
   - "X" events have ts >= 0 and dur >= 0 and are properly nested on each thread: a slice that
     starts inside another ends inside it too;
-  - "C" events carry a numeric value.
+  - "C" events carry a numeric value;
+  - "P" (CPU sample) events name a frame of the top-level stackFrames, whose parents are frames too,
+    and their threads are named.
 
     check_chrome_trace.py <trace.json> [expected X count] [expected C count]
 
@@ -44,6 +46,11 @@ def main(argv):
     named_pids, named_threads = set(), set()
     slices = defaultdict(list)
     counters = 0
+    frames = doc.get("stackFrames", {})
+    for fid, frame in frames.items():
+        if not frame.get("name") or ("parent" in frame and frame["parent"] not in frames):
+            fail("stack frame %r without a name or with an unknown parent" % fid)
+    sampled = set()
     for e in events:
         ph = e.get("ph")
         if ph == "M":
@@ -61,12 +68,19 @@ def main(argv):
             if not isinstance(e.get("args", {}).get("value"), (int, float)):
                 fail("counter without a value: %r" % e)
             counters += 1
+        elif ph == "P":
+            if e.get("sf") not in frames or e["ts"] < 0:
+                fail("sample without a known stack frame: %r" % e)
+            sampled.add((e["pid"], e["tid"]))
         else:
             fail("unexpected phase %r" % ph)
     for key, s in slices.items():
         if key[0] not in named_pids or key not in named_threads:
             fail("pid/tid %r has slices but no name" % (key,))
         check_nesting(key, s)
+    for key in sampled:
+        if key[0] not in named_pids or key not in named_threads:
+            fail("pid/tid %r has samples but no name" % (key,))
     total = sum(len(s) for s in slices.values())
     print("slices %d counters %d threads %d processes %d" % (total, counters, len(slices), len(named_pids)))
     if len(argv) > 2 and total != int(argv[2]):

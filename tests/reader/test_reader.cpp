@@ -194,10 +194,10 @@ TEST(ReportCommand, DumpAndErrors)
 
 TEST(Dump, OnlineStacksShowTheirFrames)
 {
-  std::uint32_t frames[4] = {0x08048123, 0x08049000, 0, 0xB7F01000};
-  std::uint8_t packed[64];
-  std::uint32_t n = 60;
-  ASSERT_EQ(tf_record_online_stack_pack(frames, 4, packed, &n), TF_PACK_OK);
+  // Innermost first: 0x08048123 absolute, then +0xEDD, -0x8049000 (to 0) and +0xB7F01000.
+  std::uint8_t packed[] = {0x04, 0x23, 0x81, 0x04, 0x08, 0x02, 0xDD, 0x0E, 0x44, 0x00, 0x70,
+                           0xFB, 0xF7, 0x44, 0x00, 0x10, 0xF0, 0xB7};
+  std::uint32_t n = sizeof packed;
   TraceBuilder b;
   b.put(64 + n, [&](std::uint8_t *d) {
     std::uint32_t pos = tf_online_stack_put_head(d, 0, 77, 0, 0x1234, n);

@@ -54,6 +54,9 @@ TEST_F(SampleResults, CsvColumnsAreStable)
                                          "table,pid,thread,function,calls,bytes,total_s",
                                          "table,pid,thread,kind,name,count,total_s,max_s",
                                          "table,pid,counter,updates,last,min,max",
+                                         "table,pid,function,module,source,self_samples,self_s,total_samples,total_s",
+                                         "table,pid,thread,function,module,source,self_samples,self_s,total_samples,total_s",
+                                         "table,pid,depth,function,module,total_samples,total_pct,self_samples,self_pct",
                                      }))
       << csv;
   EXPECT_EQ(csv.find("processes:"), std::string::npos) << "CSV holds the tables only";
