@@ -25,6 +25,42 @@ missing() {
   [ ${#out[@]} -eq 0 ] || printf '%s\n' "${out[@]}"
 }
 
+# Python's own test modules (test_signal, test_threading, ...) for tests/e2e/python_suites_e2e.py. The package
+# that holds them depends on the amd64 interpreter, so it is unpacked rather than installed, at the version of
+# the i386 libpython3.11 (or the candidate, when the mirror no longer has that one). The stdlib already ships
+# the frame of the `test` package (__init__, support, libregrtest); links to those pieces make the unpacked
+# `test` directory one complete package, which the e2e host puts on sys.path ahead of the stdlib.
+PYTHON_TESTS=/opt/vorx-python-tests
+download_python_tests() {  # into the current directory; $1 is the version wanted
+  apt-get download -q "libpython3.11-testsuite=$1" >>/tmp/vorx-apt-download.log 2>&1 ||
+    apt-get download -q libpython3.11-testsuite >>/tmp/vorx-apt-download.log 2>&1
+}
+unpack_python_tests() {
+  local ver dir tmp entry
+  ver=$(dpkg-query -W -f='${Version}' libpython3.11:i386 2>/dev/null) || ver=""
+  if [ -z "$ver" ]; then log "libpython3.11:i386 is not installed: no Python test modules"; return 1; fi
+  dir=$PYTHON_TESTS/usr/lib/python3.11/test
+  if [ "$(cat "$PYTHON_TESTS/VERSION" 2>/dev/null)" != "$ver" ] || [ ! -f "$dir/test_signal.py" ]; then
+    log "unpacking libpython3.11-testsuite for $ver into $PYTHON_TESTS"
+    tmp=$(mktemp -d)
+    if ! (cd "$tmp" && download_python_tests "$ver"); then
+      $SUDO apt-get update -q >>/tmp/vorx-apt-update.log 2>&1 || true
+      if ! (cd "$tmp" && download_python_tests "$ver"); then
+        log "could not download libpython3.11-testsuite (see /tmp/vorx-apt-download.log)"; rm -rf "$tmp"; return 1
+      fi
+    fi
+    $SUDO rm -rf "$PYTHON_TESTS"
+    $SUDO mkdir -p "$PYTHON_TESTS"
+    $SUDO dpkg -x "$tmp"/libpython3.11-testsuite_*.deb "$PYTHON_TESTS" || { rm -rf "$tmp"; return 1; }
+    rm -rf "$tmp"
+    echo "$ver" | $SUDO tee "$PYTHON_TESTS/VERSION" >/dev/null
+  fi
+  for entry in /usr/lib/python3.11/test/*; do
+    [ -e "$entry" ] && [ "$(basename "$entry")" != __pycache__ ] || continue
+    [ -e "$dir/$(basename "$entry")" ] || $SUDO ln -s "$entry" "$dir/$(basename "$entry")"
+  done
+}
+
 if ! dpkg --print-foreign-architectures | grep -qx i386; then
   log "adding the i386 architecture"
   $SUDO dpkg --add-architecture i386
@@ -33,6 +69,7 @@ fi
 mapfile -t todo < <(missing "${HOST_PKGS[@]}" "${I386_PKGS[@]}")
 if [ "${#todo[@]}" -eq 0 ]; then
   log "all packages already installed"
+  unpack_python_tests || exit 1
   exit 0
 fi
 
@@ -91,4 +128,5 @@ mapfile -t todo < <(missing "${HOST_PKGS[@]}" "${I386_PKGS[@]}")
 if [ "${#todo[@]}" -ne 0 ]; then
   log "still missing: ${todo[*]}"; tail -n 20 /tmp/vorx-apt-install.log >&2; exit 1
 fi
+unpack_python_tests || exit 1
 log "done"
