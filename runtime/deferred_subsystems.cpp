@@ -1,19 +1,14 @@
 // Subsystems whose work is not built yet are still entered from start-up
 // through their own functions, so that the start-up order stays the one the
 // collector needs. Each does nothing and succeeds until its subsystem arrives:
-// CPU sampling, JIT symbols, projection, handle tracking.
+// JIT symbols, projection, handle tracking.
 #include "runtime_entries.h"
 
 extern "C" {
 
-vorx_er_t vorx_init_cpu_profiling(int) { return vorx_er_success; }
-void vorx_stop_cpu_profiling(void) {}
-
-
 void vorx_init_jit_support(void) {}
 void vorx_init_projection_manager(void) {}
 void vorx_init_handles_db(void) {}
-void vorx_init_stack_walk(void) {}
 void vorx_init_runtime(void) {}
 
 // The control service: started at the end of start-up and stopped on exit.

@@ -266,7 +266,8 @@ void queue_signal(vorx_signal_descr* d, int signo, const siginfo_t* info) {
 // The first-class action of a signal, on a thread outside the collector.
 void run_first_class(vorx_signal_manager* m, int signo, siginfo_t* info, void* context, void* wsp) {
   if (m->is_internal_handler[signo] && signo == g_sampling_signal) {
-    if (g_sampling_callback && wsp) g_sampling_callback(wsp, context);
+    vorx_sampling_callback_t callback = g_sampling_callback;
+    if (callback && wsp) callback(wsp, context, info, 0);
     return;
   }
   m->call_second_class_handler(m, signo, info, context);
@@ -369,9 +370,22 @@ void vorx_free_signal_manager(vorx_signal_manager* m) {
   if (m) m->finalise(m);
 }
 
+// A tick that waited for the thread to leave the collector is a sample at the place where it left.
+static void deliver_deferred_tick(siginfo_t* info) {
+  vorx_sampling_callback_t callback = g_sampling_callback;
+  if (!callback) return;
+  ucontext_t context;
+  sal_get_context(&context);
+  callback(nullptr, &context, info, 1);
+}
+
 void vorx_deliver_deferred_signal(int signo, siginfo_t* info) {
   vorx_signal_manager* m = g_signal_manager;
-  if (!m || !valid(signo) || m->is_internal_handler[signo]) return;
+  if (!m || !valid(signo)) return;
+  if (m->is_internal_handler[signo]) {
+    if (signo == g_sampling_signal) deliver_deferred_tick(info);
+    return;
+  }
   // As the kernel would: the action's mask, and the signal itself unless the action says otherwise.
   struct sigaction action = m->second_class[signo];
   sigset_t during, saved;
@@ -477,6 +491,15 @@ void vorx_fini_crash_signal_handler(void) {
 void vorx_init_cancel_signal_handler(void) {}
 void vorx_fini_cancel_signal_handler(void) {}
 
+// The sampling handler walks stacks under protected reads: a fault there must reach real_signal_handler,
+// which resumes the read's frame. Blocked during the handler, the kernel would end the process instead.
+static void let_faults_reach_sampling(vorx_signal_manager* m, int signo) {
+  table_lock lock(m);
+  sigdelset(&m->first_class[signo].sa_mask, SIGSEGV);
+  sigdelset(&m->first_class[signo].sa_mask, SIGBUS);
+  install_kernel_action(m, signo);
+}
+
 vorx_u32_t vorx_init_profiling_signal_handler(vorx_sampling_callback_t callback) {
   vorx_init_signal_manager();
   int signo = g_vorx_conf ? (int)g_vorx_conf->sampling_signal : SIGPROF;
@@ -488,6 +511,7 @@ vorx_u32_t vorx_init_profiling_signal_handler(vorx_sampling_callback_t callback)
   vorx_signal_manager* m = g_signal_manager;
   struct sigaction action = first_class_action(real_signal_handler, flags);
   vorx_u32_t r = m->register_first_class_handler(m, signo, true, true, &action, &err);
+  if (r == vorx_sig_ok) let_faults_reach_sampling(m, signo);
   if (r == vorx_sig_special) {
     vorx_report(vorx_msg_signal_handler_taken, signo);
     return vorx_sig_failed;
@@ -500,10 +524,20 @@ vorx_u32_t vorx_init_profiling_signal_handler(vorx_sampling_callback_t callback)
   return vorx_sig_ok;
 }
 
+// No tick outlives the handler: the timers are stopped by now, and ticks still pending for any thread are
+// thrown away by ignoring the signal for a moment before the application's own action comes back (SIGPROF's
+// default would end the process).
 void vorx_fini_profiling_signal_handler(void) {
   if (!g_sampling_signal || !g_signal_manager) return;
-  unregister_or_report(g_sampling_signal);
   g_sampling_callback = nullptr;
+  vorx_signal_manager* m = g_signal_manager;
+  struct sigaction ignore = {};
+  ignore.sa_handler = SIG_IGN;
+  {
+    table_lock lock(m);
+    if (!is_function(m->second_class[g_sampling_signal])) sigaction(g_sampling_signal, &ignore, nullptr);
+  }
+  unregister_or_report(g_sampling_signal);
 }
 
 static void change_profiling_signal(int how) {

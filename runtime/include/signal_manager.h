@@ -156,8 +156,10 @@ void vorx_fini_crash_signal_handler(void);
 void vorx_init_cancel_signal_handler(void);
 void vorx_fini_cancel_signal_handler(void);
 /* Sampling: `callback` runs on the ticked thread outside the collector; result 2 when the application
- * holds the signal with a handler of its own. */
-typedef void (*vorx_sampling_callback_t)(void* wsp, void* context);
+ * holds the signal with a handler of its own. A tick that found the thread inside the collector comes to it
+ * once the thread has left, with `delayed` 1 and the context of that moment; `info` is the tick's own
+ * (its overrun counts the ticks that the kernel merged into it). */
+typedef void (*vorx_sampling_callback_t)(void* wsp, void* context, const siginfo_t* info, int delayed);
 vorx_u32_t vorx_init_profiling_signal_handler(vorx_sampling_callback_t callback);
 void vorx_fini_profiling_signal_handler(void);
 void vorx_block_profiling_signal(void);
