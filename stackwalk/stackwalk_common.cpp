@@ -45,10 +45,11 @@ bool on_stack(const vorx_stack_desc_t* d, uintptr_t address, uint32_t size) {
 enum { kNotReturn = 0, kWeakReturn = 1, kStrongReturn = 2 };
 constexpr uint32_t kLargestFunction = 0x10000;
 
-int return_address_kind(uint32_t word, uint32_t callee_ip) {
-  if (word < kLongestCall || !vorx_check_previous_call_instruction(word)) return kNotReturn;
+int return_address_kind(uint32_t word, uint32_t callee_ip, uint32_t* call_target = nullptr) {
+  // the cheap test first: most words are no code address, and reading at them could fault
   uintptr_t lo = 0, hi = 0;
-  if (!vorx_stack_code_range(word - 1, &lo, &hi)) return kNotReturn;
+  if (word < kLongestCall || !vorx_stack_code_range(word - 1, &lo, &hi)) return kNotReturn;
+  if (!vorx_check_previous_call_instruction(word)) return kNotReturn;
   uint8_t call[5];
   if (!vorx_read_memory_protected(call, reinterpret_cast<const void*>(uintptr_t(word - 5)), 5)) return kNotReturn;
   if (call[0] != 0xE8) return kWeakReturn;
@@ -56,6 +57,7 @@ int return_address_kind(uint32_t word, uint32_t callee_ip) {
   memcpy(&offset, call + 1, 4);
   uint32_t target = word + uint32_t(offset);
   bool calls_callee = target <= callee_ip && callee_ip - target < kLargestFunction && callee_ip < hi;
+  if (call_target) *call_target = target;
   return calls_callee ? kStrongReturn : kWeakReturn;
 }
 
@@ -111,19 +113,25 @@ int step_by_frame_pointer(vorx_stack_desc_t* d, walk_state* s) {
   return vorx_sw_frame;
 }
 
-// The next word above sp that is a return address: the first strong one within reach, else the first weak
-// one. Registers other than sp and ip are unknown afterwards; the frame pointer is kept, as code without
-// frames leaves it alone.
+// The next word above sp that is a return address. Of the direct calls that lead below `ip`, the true caller's
+// leads to the start of the function that holds `ip`, the highest start there is below it: a stale word's
+// call leads to some other function, lower down (or to the same one, from an older call further up). So the
+// strong word with the highest target wins, the first of equals; without one, the first weak word. Registers
+// other than sp and ip are unknown afterwards; the frame pointer is kept, as code without frames leaves it.
 int step_by_scan(vorx_stack_desc_t* d, walk_state* s) {
-  uint32_t weak = 0;
+  uint32_t weak = 0, strong = 0, best_target = 0;
   uint32_t slot = s->sp;
   for (uint32_t n = 0; n < kScanWords && on_stack(d, slot, 4); ++n, slot += 4) {
     uint32_t word = *reinterpret_cast<const uint32_t*>(uintptr_t(slot));
-    int kind = return_address_kind(word, s->ip);
+    uint32_t target = 0;
+    int kind = return_address_kind(word, s->ip, &target);
     if (kind == kWeakReturn && !weak) weak = slot;
-    if (kind == kStrongReturn) break;
+    if (kind == kStrongReturn && (!strong || target > best_target)) {
+      strong = slot;
+      best_target = target;
+    }
   }
-  if (!on_stack(d, slot, 4) || slot - s->sp >= kScanWords * 4) slot = weak;
+  slot = strong ? strong : weak;
   if (!slot) return vorx_sw_failed;
   uint32_t word = *reinterpret_cast<const uint32_t*>(uintptr_t(slot));
   *s = {word, slot + 4, s->fp > slot ? s->fp : 0};
