@@ -16,6 +16,8 @@ namespace {
 constexpr std::uint64_t kPage = 0x1000;
 // Module files larger than this are not read for names (a debug build of a large library).
 constexpr std::uint64_t kLargestFile = std::uint64_t(1) << 28;
+// Where debug packages put the debug files of stripped files, by build-id.
+const std::string kDebugFiles = "/usr/lib/debug/.build-id/";
 
 std::vector<unsigned char> read_file(const std::string &path)
 {
@@ -112,6 +114,7 @@ std::unique_ptr<ElfObjects> read_class(std::span<const unsigned char> file)
   for (const Shdr &sh : sections)
     if (sh.sh_type == SHT_SYMTAB || (sh.sh_type == SHT_DYNSYM && !symtab)) symtab = &sh;
   if (!symtab || symtab->sh_link >= sections.size()) return out;
+  out->full_symbols = symtab->sh_type == SHT_SYMTAB;
   const Shdr &strtab = sections[symtab->sh_link];
   auto strings = table_at<char>(file, strtab.sh_offset, strtab.sh_size);
   for (const Sym &s : table_at<Sym>(file, symtab->sh_offset, symtab->sh_size / sizeof(Sym))) {
@@ -160,6 +163,21 @@ std::unique_ptr<ElfObjects> read_elf_objects(const std::string &path)
   return nullptr;
 }
 
+std::unique_ptr<ElfObjects> read_module_symbols(const std::string &path)
+{
+  std::unique_ptr<ElfObjects> elf = read_elf_objects(path);
+  if (!elf || elf->full_symbols || elf->build_id.size() < 3) return elf;
+  const std::string &id = elf->build_id;
+  std::unique_ptr<ElfObjects> debug = read_elf_objects(kDebugFiles + id.substr(0, 2) + "/" + id.substr(2) + ".debug");
+  // The debug file of this very build has the same segments: its symbols are at the same addresses.
+  if (debug && debug->full_symbols && debug->exec_vaddr == elf->exec_vaddr && debug->exec_memsz == elf->exec_memsz) {
+    elf->functions = std::move(debug->functions);
+    elf->symbols = std::move(debug->symbols);
+    elf->full_symbols = true;
+  }
+  return elf;
+}
+
 void ModuleSymbols::add_module(std::uint64_t start, std::uint64_t end, std::string path)
 {
   if (path.empty() || end <= start) return;
@@ -173,7 +191,7 @@ const ModuleSymbols::Module *ModuleSymbols::load(Module &m)
   if (m.read) return m.objects ? &m : nullptr;
   m.read = true;
   auto cached = files_.find(m.path);
-  if (cached == files_.end()) cached = files_.emplace(m.path, read_elf_objects(m.path)).first;
+  if (cached == files_.end()) cached = files_.emplace(m.path, read_module_symbols(m.path)).first;
   const ElfObjects *elf = cached->second.get();
   if (!elf) return nullptr;
   // The code range the trace saw must be the file's executable segment, page by page; another

@@ -26,6 +26,7 @@ struct ElfObjects {
   std::vector<Symbol> symbols;                  // data objects, sorted by value, each with a size
   std::vector<Symbol> functions;                // code, sorted by value, each with a size
   std::string build_id;                         // hex of the GNU build-id note, "" without one
+  bool full_symbols = false;                    // from .symtab (else .dynsym: exported names only)
 
   // "name" or "name+offset" for a link-time address inside a data symbol; "" otherwise.
   std::string name_at(std::uint64_t address) const;
@@ -46,6 +47,9 @@ struct CodePlace {
 // Reads an ELF file of either class (the modules of a 32-bit process, read by a reader of any
 // width); null when it is no ELF file or cannot be read.
 std::unique_ptr<ElfObjects> read_elf_objects(const std::string &path);
+// The same, with the full symbol table of the separate debug file that the build-id names, for a
+// file that kept only its exported names (a stripped libc with its debug package installed).
+std::unique_ptr<ElfObjects> read_module_symbols(const std::string &path);
 
 class ModuleSymbols {
 public:

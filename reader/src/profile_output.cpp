@@ -131,7 +131,10 @@ std::vector<Table> build_profile_tables(const ActivityTracker &a)
                   {"pid", "thread", "function", "module", "source", "self_samples", "self_s", "total_samples", "total_s"}, {}};
   Table tree{"call_tree", "call tree",
              {"pid", "depth", "function", "module", "total_samples", "total_pct", "self_samples", "self_pct"}, {}};
-  for (const auto &[pid, p] : a.profile().processes()) {
+  for (const auto &process : a.profile().processes()) {
+    // Named references, not a structured binding: the lambdas below capture them.
+    const std::uint32_t pid = process.first;
+    const ProcessProfile &p = process.second;
     std::vector<Weight> self = self_weights(a, pid, p, [](std::uint32_t) { return true; });
     add_hot_spots(spots, p, self, {std::to_string(pid)});
     std::set<std::uint32_t> tids;
@@ -154,7 +157,9 @@ std::vector<Table> build_profile_tables(const ActivityTracker &a)
 
 void print_call_tree(std::FILE *out, const ActivityTracker &a, std::size_t max_rows, bool all)
 {
-  for (const auto &[pid, p] : a.profile().processes()) {
+  for (const auto &process : a.profile().processes()) {
+    const std::uint32_t pid = process.first;
+    const ProcessProfile &p = process.second;
     std::vector<Weight> self = self_weights(a, pid, p, [](std::uint32_t) { return true; });
     std::vector<Weight> total = total_weights(p, self);
     if (!total[0].samples) continue;

@@ -348,3 +348,29 @@ TEST(SubjectNames, TheFileKnowsItsBuildIdAndLines)
 }
 
 } // namespace
+
+namespace {
+
+// A stripped library keeps its exported names only; its debug file, found by build-id, has the rest.
+TEST(SubjectNames, AStrippedLibraryIsNamedFromItsDebugFile)
+{
+  const char *libc = "/usr/lib/i386-linux-gnu/libc.so.6";
+  auto stripped = read_elf_objects(libc);
+  if (!stripped || stripped->full_symbols) GTEST_SKIP() << "no stripped i386 libc here";
+  std::string id = stripped->build_id;
+  std::ifstream debug("/usr/lib/debug/.build-id/" + id.substr(0, 2) + "/" + id.substr(2) + ".debug");
+  if (!debug) GTEST_SKIP() << "libc6-dbg:i386 is not installed";
+  auto has = [](const ElfObjects &e, const char *name) {
+    for (const auto &f : e.functions)
+      if (f.name == name) return true;
+    return false;
+  };
+  EXPECT_FALSE(has(*stripped, "__libc_start_call_main")) << "a local function";
+  auto named = read_module_symbols(libc);
+  ASSERT_NE(named, nullptr);
+  EXPECT_TRUE(named->full_symbols);
+  EXPECT_TRUE(has(*named, "__libc_start_call_main"));
+  EXPECT_TRUE(has(*named, "malloc"));
+}
+
+} // namespace
