@@ -9,10 +9,21 @@
 namespace vorx::server {
 namespace {
 
+// The words whose collections write records today. The vocabulary knows more (projection, opencl, user_sync,
+// cm, power, opencl_ex): their probes are not set or write nothing yet, and a run that asked for one of them
+// would end with an empty trace and no word why. Those are refused by name until they collect something.
+constexpr const char *kWorkingCollections[] = {"cpu",    "threading", "io",      "waiting", "memory",
+                                               "task",   "frame",     "utimer",  "opengles"};
+
+bool collects_something(const std::string &word) {
+  for (const char *w : kWorkingCollections)
+    if (word == w) return true;
+  return false;
+}
+
 std::string collection_words() {
   std::string words;
-  for (uint32_t i = 0; i < vorx_cl_eof; i++)
-    words += (i ? ", " : "") + std::string(vorx_collection_to_string(i));
+  for (const char *w : kWorkingCollections) words += (words.empty() ? "" : ", ") + std::string(w);
   return words;
 }
 
@@ -52,7 +63,9 @@ void add_run_options(CLI::App &app, RunOptions &o) {
                  "What to collect, by words separated with commas: " + collection_words())
       ->delimiter(',')
       ->check([](const std::string &word) -> std::string {
-        if (vorx_string_to_collection(word.c_str()) != vorx_cl_eof) return {};
+        if (collects_something(word)) return {};
+        if (vorx_string_to_collection(word.c_str()) != vorx_cl_eof)
+          return "the collection '" + word + "' collects nothing yet; collections that work: " + collection_words();
         return "unknown collection '" + word + "'; known ones are " + collection_words();
       })
       ->capture_default_str();

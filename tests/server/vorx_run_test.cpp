@@ -185,6 +185,15 @@ TEST_F(VorxRun, UsageErrorsAreClear) {
   Outcome o = run_vorx({"run", "-c", "cpu,gpu", "--", "/bin/true"});
   EXPECT_EQ(o.status, 2);
   EXPECT_NE(o.err.find("unknown collection 'gpu'"), std::string::npos) << o.err;
+  // Words of the vocabulary whose collections write nothing yet are refused by name, with what works.
+  for (const char *word : {"projection", "opencl", "user_sync", "cm", "power", "opencl_ex"}) {
+    o = run_vorx({"run", "-c", std::string("threading,") + word, "--", "/bin/true"});
+    EXPECT_EQ(o.status, 2) << word;
+    EXPECT_NE(o.err.find(std::string("the collection '") + word + "' collects nothing yet; collections that work: "
+                         "cpu, threading, io, waiting, memory, task, frame, utimer, opengles"),
+              std::string::npos)
+        << o.err;
+  }
   o = run_vorx({"run", "--engine", FAKE_KEL, "--", "no_such_program_anywhere"});
   EXPECT_EQ(o.status, 127);
   EXPECT_NE(o.err.find("'no_such_program_anywhere' was not found in PATH"), std::string::npos);
