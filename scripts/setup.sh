@@ -11,7 +11,8 @@ if [ "$(id -u)" != 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 
 HOST_PKGS=(gcc-multilib g++-multilib cmake ninja-build pkg-config python3 git file
-           libc6-dbg:i386 gdb valgrind libcli11-dev)
+           libc6-dbg:i386 gdb valgrind libcli11-dev
+           libdw-dev libelf-dev)  # the reader built for the host (64-bit) reads 32-bit traces with them
 I386_PKGS=(zlib1g-dev:i386 libunwind-dev:i386 libzydis-dev:i386 libzycore-dev:i386
            libelf-dev:i386 libdw-dev:i386 libgtest-dev:i386 libgmock-dev:i386
            libbenchmark-dev:i386 libpython3.11-dev:i386 libpython3.11:i386
