@@ -102,10 +102,11 @@ vorx_u32_t op_initialise(vorx_signal_descr* d) {
 void op_finalise(vorx_signal_descr* d) {
   if (d->owner != sal_thread_id()) return;  // another thread's stack is that thread's to switch off
   if (!(d->own_altstack.ss_flags & SS_DISABLE)) {
+    // A thread that ends its collection from a handler running on this very stack (a death by a signal)
+    // can neither switch it off nor unmap it: it stays, and dies with the process.
     stack_t off = {};
     off.ss_flags = SS_DISABLE;
-    sigaltstack(&off, nullptr);
-    free_own_altstack(d);
+    if (sigaltstack(&off, nullptr) == 0) free_own_altstack(d);
   }
 }
 
@@ -292,7 +293,7 @@ void vorx_complete_deferred_signals(vorx_signal_descr* d) {
       __atomic_store_n(&d->deferred_count, left, __ATOMIC_RELEASE);
       pthread_sigmask(SIG_SETMASK, &saved, nullptr);
     }
-    d->application_signal_delivered = 1;
+    if (!vorx_is_internal_signal(object.signo)) d->application_signal_delivered = 1;
     vorx_deliver_deferred_signal(object.signo, &object.info);
   }
 }

@@ -33,6 +33,16 @@ namespace {
 
 vorx_signal_manager g_manager_storage;
 vorx_sampling_callback_t g_sampling_callback = nullptr;
+// The sampling signal after the program took it for a handler of its own: the collector's timers that still
+// tick on it are stopped one by one as their ticks come, and never reach the program.
+int g_sampling_given_up = 0;
+// The head of a thread's CPU-profiling descriptor: its operations, of which the fourth stops the timer.
+struct cpu_prof_ops {
+  void* init;
+  void* reset;
+  vorx_u32_t (*start)(void* d);
+  vorx_u32_t (*stop)(void* d);
+};
 // Raised while a handler runs for a fault of the collector's own code: the collector's locks may be held,
 // and writing the traces out would wait for them forever.
 __thread int t_fault_inside_collector __attribute__((tls_model("initial-exec")));
@@ -122,6 +132,7 @@ void call_handler_default(const struct sigaction* action, int signo, siginfo_t* 
 /* ---- operations ------------------------------------------------------------------------------------- */
 
 void op_initialise(vorx_signal_manager* m) {
+  m->pid = sal_process_id();
   for (int signo = 1; signo < VORX_SIGNALS; ++signo) {
     if (reserved(signo)) continue;
     sigaction(signo, nullptr, &m->second_class[signo]);
@@ -142,7 +153,10 @@ void op_finalise(vorx_signal_manager* m) {
   }
 }
 
-void op_reinitialise_after_fork(vorx_signal_manager* m) { m->lock = 0; }
+void op_reinitialise_after_fork(vorx_signal_manager* m) {
+  m->lock = 0;
+  m->pid = sal_process_id();
+}
 
 vorx_u32_t op_register_first_class_handler(vorx_signal_manager* m, int signo, bool is_internal, bool is_deferable,
                                            const struct sigaction* action, int* err) {
@@ -298,6 +312,12 @@ extern "C" void real_signal_handler(int signo, siginfo_t* info, void* context) {
   vorx_u32_t entered = vorx_thread_manager_enter(g_vorx_thread_manager, &key, &data);
   auto* wsp = static_cast<vorx_workspace*>(data);
   vorx_signal_descr* d = wsp ? wsp->signal_descr : nullptr;
+  if (signo == g_sampling_given_up && info && info->si_code == SI_TIMER) {
+    // A tick of the collector's timer on a signal that the program took over: the timer stops, unseen.
+    if (wsp && wsp->cpu_prof_desc) reinterpret_cast<cpu_prof_ops*>(wsp->cpu_prof_desc)->stop(wsp->cpu_prof_desc);
+    if (entered == vorx_thread_manager_op_err_ok) vorx_thread_manager_release(g_vorx_thread_manager, key);
+    return;
+  }
   if (d && m->is_internal_handler[signo]) d->internal_signal_arrived = 1;
   if (entered == vorx_thread_manager_op_err_acquired) {
     // Inside the collector: what can wait, waits for the thread to leave it.
@@ -429,6 +449,8 @@ void vorx_init_signal_manager(void) {
   if (!g_signal_manager) vorx_alloc_signal_manager(&g_signal_manager);
 }
 
+bool vorx_signal_tables_not_ours(void) { return g_signal_manager && g_signal_manager->pid != sal_process_id(); }
+
 bool vorx_is_internal_signal(int signo) {
   return g_signal_manager && valid(signo) && g_signal_manager->is_internal_handler[signo];
 }
@@ -527,6 +549,17 @@ vorx_u32_t vorx_init_profiling_signal_handler(vorx_sampling_callback_t callback)
 // No tick outlives the handler: the timers are stopped by now, and ticks still pending for any thread are
 // thrown away by ignoring the signal for a moment before the application's own action comes back (SIGPROF's
 // default would end the process).
+void vorx_give_up_sampling_signal(void) {
+  vorx_signal_manager* m = g_signal_manager;
+  if (!m || !g_sampling_signal) return;
+  table_lock lock(m);
+  g_sampling_callback = nullptr;
+  g_sampling_given_up = g_sampling_signal;
+  m->is_internal_handler[g_sampling_signal] = 0;
+  m->is_relay[g_sampling_signal] = 1;
+  install_kernel_action(m, g_sampling_signal);
+}
+
 void vorx_fini_profiling_signal_handler(void) {
   if (!g_sampling_signal || !g_signal_manager) return;
   g_sampling_callback = nullptr;

@@ -31,7 +31,7 @@ vorx_u32_t set_handler(int signo, const struct sigaction* action, struct sigacti
   vorx_u32_t result = m->set_second_class_handler(m, signo, action, old, err, original);
   if (result != vorx_sig_special) return result;
   vorx_report(vorx_msg_signal_handler_taken, signo);
-  vorx_fini_profiling_signal_handler();
+  vorx_give_up_sampling_signal();
   return m->set_second_class_handler(m, signo, action, old, err, original);
 }
 
@@ -41,7 +41,7 @@ extern "C" {
 
 void vorx_sigaction_wrapper(vorx_workspace*, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_sigaction;
-  if (!g_signal_manager) {
+  if (!g_signal_manager || vorx_signal_tables_not_ours()) {
     p.__result = reinterpret_cast<vorx_sigaction_call_t>(trampoline)(p.__sig, p.__act, p.__oact);
     return;
   }
@@ -56,7 +56,7 @@ void vorx_sigaction_wrapper(vorx_workspace*, vorx_probe_data_t* data, void* tram
 // interrupts are restarted.
 void vorx_signal_wrapper(vorx_workspace*, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_signal;
-  if (!g_signal_manager) {
+  if (!g_signal_manager || vorx_signal_tables_not_ours()) {
     p.__result = reinterpret_cast<vorx_signal_call_t>(trampoline)(p.__sig, p.__handler);
     return;
   }
@@ -79,7 +79,7 @@ void vorx_signal_wrapper(vorx_workspace*, vorx_probe_data_t* data, void* trampol
 void vorx_sigprocmask_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_sigprocmask;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d) {
+  if (!d || vorx_signal_tables_not_ours()) {
     p.__result = reinterpret_cast<vorx_sigprocmask_call_t>(trampoline)(p.__how, p.__set, p.__oset);
     return;
   }
@@ -93,7 +93,7 @@ void vorx_sigprocmask_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void
 void vorx_pthread_sigmask_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_pthread_sigmask;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d) {
+  if (!d || vorx_signal_tables_not_ours()) {
     p.__result = reinterpret_cast<vorx_pthread_sigmask_call_t>(trampoline)(p.__how, p.__newmask, p.__oldmask);
     return;
   }
@@ -119,7 +119,7 @@ void vorx_pthread_sigmask_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, 
 void vorx_sigsuspend_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_sigsuspend;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d) {
+  if (!d || vorx_signal_tables_not_ours()) {
     p.__result = reinterpret_cast<vorx_sigsuspend_call_t>(trampoline)(p.__set);
     return;
   }
@@ -133,7 +133,7 @@ void vorx_pause_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* tram
   auto& p = data->params.u_pause;
   vorx_signal_descr* d = descr_of(wsp);
   void* suspend = vorx_head_row(vorx_pi_sigsuspend) ? vorx_head_row(vorx_pi_sigsuspend)->trampoline : nullptr;
-  if (!d || !suspend) {
+  if (!d || !suspend || vorx_signal_tables_not_ours()) {
     p.__result = reinterpret_cast<vorx_pause_call_t>(trampoline)();
     return;
   }
@@ -147,7 +147,7 @@ void vorx_pause_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* tram
 void vorx_sigpending_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_sigpending;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d) {
+  if (!d || vorx_signal_tables_not_ours()) {
     p.__result = reinterpret_cast<vorx_sigpending_call_t>(trampoline)(p.__set);
     return;
   }
@@ -159,7 +159,7 @@ void vorx_sigpending_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void*
 void vorx_sigaltstack_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_sigaltstack;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d) {
+  if (!d || vorx_signal_tables_not_ours()) {
     p.__result = reinterpret_cast<vorx_sigaltstack_call_t>(trampoline)(p.__ss, p.__oss);
     return;
   }

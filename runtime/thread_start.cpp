@@ -207,9 +207,11 @@ extern "C" void *vorx_thread_start_routine_wrapper(void *record) {
 // pthread_exit never returns to its wrapper: the thread lets go of its
 // descriptor first, so that the cleanup handler pushed by the start wrapper can
 // unregister it while the stack unwinds.
-extern "C" void vorx_pthread_exit_wrapper(vorx_workspace *, vorx_probe_data_t *data, void *trampoline) {
+extern "C" void vorx_pthread_exit_wrapper(vorx_workspace *wsp, vorx_probe_data_t *data, void *trampoline) {
   vorx_ts_desc_t *key = nullptr;
   void *held = nullptr;
+  // What the thread library calls on its way out (its unwinder's loader locks, say) are calls of an original.
+  if (wsp) wsp->runtime_level = vorx_le_in_original;
   if (vorx_thread_manager_enter(g_vorx_thread_manager, &key, &held) == vorx_thread_manager_op_err_acquired && key)
     vorx_thread_manager_release(g_vorx_thread_manager, key);
   reinterpret_cast<vorx_pthread_exit_call_t>(trampoline)(data->params.u_pthread_exit.__retval);

@@ -106,6 +106,7 @@ void init_xstack(vorx_xstack* x) {
 // The collector's own alternate stack serves its sampling handler on threads with small stacks; without
 // sampling a thread costs no stack of the collector's.
 void alloc_signal_descr(vorx_workspace* wsp, const vorx_registration_data* reg) {
+  if (!is_thread(wsp)) return;  // the global workspace has no thread whose signals it could hold
   vorx_u32_t size = (conf() && conf()->use_signal_stack && cpu_sampling_on()) ? kSignalStackSize : 0;
   VORX_ASSERT(wsp->signal_descr == ((void *)0));
   bool safe = is_replacing_altstack_safe ? is_replacing_altstack_safe() != 0 : false;

@@ -60,6 +60,7 @@ struct vorx_signal_manager {
                                          struct sigaction* old, int* err, void* original);
   /* state, guarded by `lock` (a thread's own tid while it holds it) */
   volatile int lock;
+  vorx_u32_t pid; /* the process whose tables these are: a vfork child shares them and must not write */
   struct sigaction first_class[VORX_SIGNALS];
   struct sigaction second_class[VORX_SIGNALS];
   uint8_t is_first_class_handler_set[VORX_SIGNALS];
@@ -121,6 +122,9 @@ void vorx_init_signal_manager(void);
 
 /* The signals that only the collector may handle on this thread: the sampling signal while sampling. */
 bool vorx_is_internal_signal(int signo);
+/* True in a child that shares the parent's memory (vfork, posix_spawn) before it execs: its signal calls go to
+ * the kernel as they are and leave the parent's tables alone. */
+bool vorx_signal_tables_not_ours(void);
 /* Default action of a signal: terminate (with or without core), ignore or stop. */
 bool vorx_signal_default_terminates(int signo);
 
@@ -162,6 +166,9 @@ void vorx_fini_cancel_signal_handler(void);
 typedef void (*vorx_sampling_callback_t)(void* wsp, void* context, const siginfo_t* info, int delayed);
 vorx_u32_t vorx_init_profiling_signal_handler(vorx_sampling_callback_t callback);
 void vorx_fini_profiling_signal_handler(void);
+/* The program installs a handler of its own on the sampling signal: sampling ends, the signal is the program's,
+ * and ticks still on their way stop their timers without reaching it. */
+void vorx_give_up_sampling_signal(void);
 void vorx_block_profiling_signal(void);
 void vorx_unblock_profiling_signal(void);
 void vorx_modify_signal_mask_on_attach(sigset_t* set);
