@@ -203,6 +203,10 @@ class PythonSuites(unittest.TestCase):
 
         differing = [(name, traced.outcomes.get(name, "not run")) for name in passed
                      if traced.outcomes.get(name, "not run") != "ok"]
+        differing, flaky = self.rerun_failures(differing, prefix, tag)
+        for name in flaky:
+            print("\nwarning: %s failed once under the collector (%s) and passed when run again" % (name, tag),
+                  file=sys.stderr)
         problems = []
         if differing:
             problems.append("%d of %d tests that pass natively do not under the collector:" %
@@ -213,7 +217,7 @@ class PythonSuites(unittest.TestCase):
                     problems.append("--- %s: %s" % (name, traced.details[name]))
         if not traced.completed_first:
             problems.append("the run under the collector did not finish by itself")
-        elif traced.first_status != native.first_status:
+        elif traced.first_status != native.first_status and not (flaky and not differing and traced.first_status == 1):
             problems.append("exit status %s under the collector, %s natively" %
                             (traced.first_status, native.first_status))
         others = sorted(name for name, outcome in traced.outcomes.items()
@@ -226,6 +230,18 @@ class PythonSuites(unittest.TestCase):
             type(self).keep = True
             problems.append("outputs: " + " ".join(traced.outputs))
             self.fail("\n".join(problems))
+
+    def rerun_failures(self, differing, prefix, tag):
+        """A test whose assertion failed (not one that crashed, hung or did not run) is run once more on its own
+        under the collector: a failure that does not come back is reported as a warning, not as a difference.
+        Timing-sensitive tests of the suites fail now and then on a loaded machine; crashes and hangs never
+        get a second chance."""
+        failed = [name for name, outcome in differing if outcome == "fail"]
+        if not failed:
+            return differing, []
+        again = self.suite_run(tag + "-again", prefix, failed)
+        flaky = [name for name in failed if again.outcomes.get(name) == "ok"]
+        return [pair for pair in differing if pair[0] not in flaky], flaky
 
     def check_suites(self, collect):
         for module in SUITES:
