@@ -87,11 +87,11 @@ void posix_timer_fini(vorx_timer* t) {
 }
 
 long settime(vorx_timer* t, vorx_u32_t interval_us) {
-  struct itimerspec spec = {};
-  spec.it_interval.tv_sec = interval_us / 1000000;
-  spec.it_interval.tv_nsec = long(interval_us % 1000000) * 1000;
-  spec.it_value = spec.it_interval;
-  return raw_syscall(SYS_timer_settime, t->timer_id, 0, long(&spec), 0);
+  struct itimerspec setting = {};
+  setting.it_interval.tv_sec = interval_us / 1000000;
+  setting.it_interval.tv_nsec = long(interval_us % 1000000) * 1000;
+  setting.it_value = setting.it_interval;
+  return raw_syscall(SYS_timer_settime, t->timer_id, 0, long(&setting), 0);
 }
 
 vorx_u32_t posix_timer_start(vorx_timer* t, vorx_u32_t interval_us) {
