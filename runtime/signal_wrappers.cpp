@@ -14,7 +14,11 @@
 
 namespace {
 
-vorx_signal_descr* descr_of(vorx_workspace* wsp) { return wsp ? wsp->signal_descr : nullptr; }
+// The thread's descriptor, or null where its calls go to the kernel as they are: a thread the collector
+// does not know, or a vfork child running in its parent's memory.
+vorx_signal_descr* descr_of(vorx_workspace* wsp) {
+  return wsp && !vorx_signal_tables_not_ours() ? wsp->signal_descr : nullptr;
+}
 
 // The answer of a routine that returns 0 or -1 with errno.
 int posix_answer(vorx_u32_t result, int err) {
@@ -79,7 +83,7 @@ void vorx_signal_wrapper(vorx_workspace*, vorx_probe_data_t* data, void* trampol
 void vorx_sigprocmask_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_sigprocmask;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d || vorx_signal_tables_not_ours()) {
+  if (!d) {
     p.__result = reinterpret_cast<vorx_sigprocmask_call_t>(trampoline)(p.__how, p.__set, p.__oset);
     return;
   }
@@ -93,7 +97,7 @@ void vorx_sigprocmask_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void
 void vorx_pthread_sigmask_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_pthread_sigmask;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d || vorx_signal_tables_not_ours()) {
+  if (!d) {
     p.__result = reinterpret_cast<vorx_pthread_sigmask_call_t>(trampoline)(p.__how, p.__newmask, p.__oldmask);
     return;
   }
@@ -119,7 +123,7 @@ void vorx_pthread_sigmask_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, 
 void vorx_sigsuspend_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_sigsuspend;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d || vorx_signal_tables_not_ours()) {
+  if (!d) {
     p.__result = reinterpret_cast<vorx_sigsuspend_call_t>(trampoline)(p.__set);
     return;
   }
@@ -132,8 +136,9 @@ void vorx_sigsuspend_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void*
 void vorx_pause_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_pause;
   vorx_signal_descr* d = descr_of(wsp);
-  void* suspend = vorx_head_row(vorx_pi_sigsuspend) ? vorx_head_row(vorx_pi_sigsuspend)->trampoline : nullptr;
-  if (!d || !suspend || vorx_signal_tables_not_ours()) {
+  const vorx_probe_t* row = vorx_head_row(vorx_pi_sigsuspend);
+  void* suspend = row ? row->trampoline : nullptr;
+  if (!d || !suspend) {
     p.__result = reinterpret_cast<vorx_pause_call_t>(trampoline)();
     return;
   }
@@ -147,7 +152,7 @@ void vorx_pause_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* tram
 void vorx_sigpending_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_sigpending;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d || vorx_signal_tables_not_ours()) {
+  if (!d) {
     p.__result = reinterpret_cast<vorx_sigpending_call_t>(trampoline)(p.__set);
     return;
   }
@@ -159,7 +164,7 @@ void vorx_sigpending_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void*
 void vorx_sigaltstack_wrapper(vorx_workspace* wsp, vorx_probe_data_t* data, void* trampoline) {
   auto& p = data->params.u_sigaltstack;
   vorx_signal_descr* d = descr_of(wsp);
-  if (!d || vorx_signal_tables_not_ours()) {
+  if (!d) {
     p.__result = reinterpret_cast<vorx_sigaltstack_call_t>(trampoline)(p.__ss, p.__oss);
     return;
   }
